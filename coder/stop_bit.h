@@ -1,0 +1,57 @@
+// Stop-bit numbers: groups of 7 bits, least significant first, one a byte; bit 7 marks the last
+// byte. A signed number is cut off where the rest is a sign extension of bit 6. qubix(5).
+#pragma once
+
+#include <type_traits>
+
+constexpr int stop_bit_group = 7;
+constexpr unsigned char stop_bit = 0x80;
+
+// The most bytes that a number of `bits` significant bits takes.
+constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / stop_bit_group; }
+
+// Writes `value` at `to` and returns the position behind it.
+inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) {
+  for (; value > 0x7F; value >>= stop_bit_group) *to++ = static_cast<unsigned char>(value & 0x7F);
+  *to++ = static_cast<unsigned char>(value | stop_bit);
+  return to;
+}
+
+inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
+  for (; value < -64 || value > 63; value >>= stop_bit_group)
+    *to++ = static_cast<unsigned char>(value & 0x7F);
+  *to++ = static_cast<unsigned char>((value & 0x7F) | stop_bit);
+  return to;
+}
+
+// Reads a number of any length at `from` and moves `from` behind it; `bits` receives the number of
+// bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller sees to it
+// that a byte with the stop bit set follows within the allocation.
+template <class Unsigned>
+Unsigned get_stop_bit(const unsigned char*& from, int& bits) {
+  static_assert(std::is_unsigned_v<Unsigned>);
+  constexpr int width = 8 * sizeof(Unsigned);
+  Unsigned value = 0;
+  for (bits = 0;;) {
+    const unsigned char byte = *from++;
+    if (bits < width) {
+      value |= Unsigned(byte & 0x7F) << bits;
+      bits += stop_bit_group;
+    }
+    if (byte & stop_bit) return value;
+  }
+}
+
+template <class Unsigned>
+Unsigned get_stop_bit(const unsigned char*& from) {
+  int bits;
+  return get_stop_bit<Unsigned>(from, bits);
+}
+
+// The same for a signed number of 64 bits.
+inline long long get_signed_stop_bit(const unsigned char*& from) {
+  int bits;
+  unsigned long long value = get_stop_bit<unsigned long long>(from, bits);
+  if ((from[-1] & 0x40) && bits < 64) value |= ~0ull << bits;
+  return static_cast<long long>(value);
+}

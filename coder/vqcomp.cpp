@@ -1,0 +1,1375 @@
+#include "vqcomp.h"
+
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "bytes.h"
+#include "checksum.h"
+#include "context_list.h"
+#include "inslist.h"
+#include "stop_bit.h"
+
+namespace {
+
+// Facts of the file format that writer and reader share: qubix(5).
+constexpr char magic[] = {'Q', 'U'};
+constexpr int version_offset = 2;
+constexpr int preamble_offset = 3;  // of the transaction count, or of the PRUV header
+constexpr int last_version = 5;
+constexpr int size_field = 2;            // bytes of a PRUV header before those that it counts
+constexpr int shortest_header = 30;      // that its size field may tell
+constexpr unsigned unknown_count = ~0u;  // the count stands in the trailer
+constexpr unsigned no_limit = ~0u;       // of contexts
+constexpr unsigned char end_of_raw = 0xFF;
+constexpr unsigned char end_of_contexts[] = {0x30, 0x00, 0x80};
+constexpr int checksum_bytes = 4;
+constexpr int trailer_bytes = 4;
+
+// Context-coded records: qubix(5).
+constexpr int repeat_shift = 6;  // the head byte's upper two bits
+constexpr unsigned last_short_repeat = 2;
+constexpr unsigned long_repeat = 3;  // a number follows the record
+constexpr int position_shift = 4;    // the next two
+constexpr unsigned char numbered_context = 0x30;
+constexpr int last_short_position = 2;
+constexpr unsigned char long_delta = 8;
+constexpr int largest_short_delta = 7;
+constexpr unsigned char new_context = 0x80;  // context number 0
+constexpr unsigned char no_agent = 0x80;     // in the code byte: agent 0, no byte follows
+constexpr unsigned char escaped_agent = 0xFF;
+
+// The longest record is a new context: head, context number, address, code, escape and agent. The
+// repeat count of the record before it may be written in the same call.
+constexpr int upper_address_bits = 64 - 3 - 4;
+constexpr int longest_repeat = stop_bit_bytes(32);
+constexpr int longest_record =
+    1 + 1 + stop_bit_bytes(upper_address_bits) + 1 + 1 + stop_bit_bytes(16);
+constexpr int longest_with_repeat = longest_record + longest_repeat;
+constexpr int longest_end = int(sizeof end_of_contexts) + checksum_bytes + trailer_bytes;
+constexpr int spare_bytes = 28;   // of the compressor's buffer, beyond the block size
+constexpr int usual_margin = 20;  // a record is started only with more bytes than this ahead
+static_assert(longest_with_repeat <= spare_bytes && longest_repeat + longest_end <= spare_bytes);
+static_assert(longest_with_repeat <= usual_margin + 1 && longest_end <= usual_margin);
+
+// The numbers that one damaged record may hold, each stopped by a guard byte at the latest.
+constexpr int guard_bytes = 6;
+constexpr int smallest_capacity = 1045;  // one chunk of 1024 bytes and what was left ahead of it
+constexpr int longest_damaged_record = 1 << 24;
+
+constexpr char ends_early[] = "QUBIX file ends prematurely";
+constexpr char cannot_write[] = "Can't write output";
+
+// Text input: velk(5).
+constexpr int longest_line = 99;           // characters, newline included; the rest is another line
+constexpr int longest_counted_piece = 98;  // the same when lines are only counted
+
+constexpr velk_trans_class last_trans = std::size(VQcomp::FSB_transactions) - 1;
+
+bool is_deferred_reply(velk_trans_class trans) { return trans == 47 || trans == 48; }
+
+// The shift from 8-byte units to the lines that transactions of a type span. Codes beyond the
+// table come from damaged files alone.
+int size_class(velk_trans_class trans) {
+  const unsigned group = trans >> 3;
+  return group < std::size(VQcomp::trans2line_size) ? VQcomp::trans2line_size[group] : 0;
+}
+
+// Context codecs count addresses in units of 1 << shift bytes: 8 bytes, except that the deferred
+// replies, whose address has only bits 16 to 23, take 64 KiB in the four-field codecs.
+constexpr int usual_unit = 3;
+int unit_with_count(velk_trans_class trans) { return is_deferred_reply(trans) ? 16 : usual_unit; }
+
+long long to_units(long long addr, int unit) {
+  return static_cast<long long>(static_cast<unsigned long long>(addr) >> unit);
+}
+
+// Arithmetic on decoded addresses wraps: damaged data can make it run over.
+long long from_units(long long unit_addr, int unit) {
+  return static_cast<long long>(static_cast<unsigned long long>(unit_addr) << unit);
+}
+
+long long wrapping_sum(long long a, long long b) {
+  return static_cast<long long>(static_cast<unsigned long long>(a) +
+                                static_cast<unsigned long long>(b));
+}
+
+void move_lines(VQuncomp::context& context, long long lines) {
+  const int shift = size_class(context.trans);
+  context.addr = from_units(wrapping_sum(context.addr >> shift, lines), shift);
+}
+
+bool is_aligned(long long unit_addr, int shift) { return (unit_addr & ((1 << shift) - 1)) == 0; }
+
+// The fields of a transaction that every file type covers with its checksum.
+void fold_transaction(checksum& crc, velk_trans_class trans, long long addr, int agent,
+                      bool wide_agents) {
+  crc.fold_le<1>(trans);
+  crc.fold_le<1>(unsigned(agent));
+  if (wide_agents) crc.fold_le<1>(unsigned(agent) >> 8);
+  crc.fold_le<8>(static_cast<unsigned long long>(addr));
+}
+
+}  // namespace
+
+// Errors: the one line that a user sees.
+
+std::string VQcomp_error::str() const {
+  std::ostringstream text;
+  if (!msg) return text.str();
+  text << msg;
+  if (record != 0) text << ", at record " << record;
+  if (byte > 0) text << (record != 0 ? ", byte " : ", at byte ") << byte;
+  return text.str();
+}
+
+// Transaction names: the table, which gives each code its name, and the parser, which is written
+// as rules because it takes more names than the table holds.
+
+const char* const VQcomp::FSB_transactions[68] = {
+    "CDRD",       "LNWR",           "IORD",           "IOWR",           "MEMRD",
+    "MEMWR",      "RDINV",          "WRINV",  //
+    "CDRD16B",    "LNWR16B",        "IORD16B",        "IOWR16B",        "MEMRD16B",
+    "MEMWR16B",   "RDINV16B",       "WRINV16B",  //
+    "CDRD32B",    "LNWR32B",        "IORD32B",        "IOWR32B",        "MEMRD32B",
+    "MEMWR32B",   "RDINV32B",       "WRINV32B",  //
+    "CDRD64B",    "LNWR64B",        "IORD64B",        "IOWR64B",        "MEMRD64B",
+    "MEMWR64B",   "RDINV64B",       "WRINV64B",  //
+    "CDRD?",      "LNWR?",          "IORD?",          "IOWR?",          "MEMRD?",
+    "MEMWR?",     "RDINV?",         "WRINV?",                                              //
+    "INT:EOI",    "INT:FIXED_LOGL", "INT:FIXED_PHYS", "INT:REDIR_LOGL", "INT:REDIR_PHYS",  //
+    "INT:RSVD",   "INTA",           "DEFR_RPLY",                                           //
+    "DEFR_REPLY", "RSVD",           "BR_TRACE",       "IOWR_RSVD",      "(null)",
+    "N4_RSVD",    "SPL:Flush",  //
+    "SPL:Halt",                 //
+    "SPL:RSVD",   "SPL:SMIAck",     "SPL:ShutDwn",    "SPL:StClkAk",    "SPL:Sync",
+    "SPL:XTPR",   "SPL:nop",  //
+    "SPL",                    //
+    "VXB64B",     "VXBNC64B",       "WBMTOE64B",      "WBMTOS64B"};
+
+namespace {
+
+constexpr int sized_in_table = 8;  // the first eight sized families have a code for every size
+constexpr std::string_view sized_families[] = {"CDRD",  "LNWR",  "IORD",   "IOWR",
+                                               "MEMRD", "MEMWR", "RDINV",  "WRINV",
+                                               "VXB",   "VXBNC", "WBMTOE", "WBMTOS"};
+constexpr std::string_view size_suffixes[] = {"", "16B", "32B", "64B", "?"};
+
+// Where `word` stands in `words`, or their number.
+template <std::size_t N>
+int index_of(const std::string_view (&words)[N], std::string_view word) {
+  return int(std::find(words, words + N, word) - words);
+}
+
+// The code in [first, last] whose name in the table is `name`.
+velk_trans_class find_name(std::string_view name, velk_trans_class first, velk_trans_class last) {
+  for (velk_trans_class trans = first; trans <= last; ++trans)
+    if (name == VQcomp::FSB_transactions[trans]) return trans;
+  throw false;
+}
+
+}  // namespace
+
+velk_trans_class velk_trans_str2num_type1(const char* text) {
+  const std::string_view name = text;
+  for (int family = 0; family < int(std::size(sized_families)); ++family) {
+    if (!name.starts_with(sized_families[family])) continue;
+    const int size = index_of(size_suffixes, name.substr(sized_families[family].size()));
+    if (size == int(std::size(size_suffixes))) continue;
+    return velk_trans_class(family < sized_in_table ? family + 8 * size : family + 56);
+  }
+  if (name.starts_with("INT:")) return find_name(name, 40, 45);
+  if (name.starts_with("SPL")) return find_name(name, 54, 63);
+  return find_name(name, 46, 53);
+}
+
+const char* velk_trans_num2str_type1(velk_trans_class trans) {
+  if (trans > last_trans) throw false;
+  return VQcomp::FSB_transactions[trans];
+}
+
+// PRUV header: the record, its encoder and its decoder. The CRC is not over the stored bytes but
+// over an image of the field values, in which most fields are wider than in the file.
+
+PRUV_header_t::~PRUV_header_t() {
+  delete[] extra_shorts_1;
+  drop_trans_names();
+  for (int i = 0; i < extra_string_count; ++i) delete[] extra_strings[i];
+  delete[] extra_strings;
+  delete[] extra_shorts_2;
+  delete[] sensitivity;
+  delete[] comment;
+}
+
+void PRUV_header_t::drop_trans_names() {
+  if (!trans_names_static) {
+    for (int i = 0; i < trans_name_count; ++i) delete[] trans_names[i];
+    delete[] trans_names;
+  }
+  trans_name_count = 0;
+  trans_names = nullptr;
+  trans_names_static = true;
+}
+
+void PRUV_header_t::use_default_trans_names() {
+  drop_trans_names();
+  trans_name_count = int(std::size(VQcomp::FSB_transactions));
+  trans_names = VQcomp::FSB_transactions;
+}
+
+namespace {
+
+// Bytes of the encoded parts, as the size field counts them: qubix(5).
+constexpr int fixed_bytes_1 = 28;  // header type 1, behind the size field
+constexpr int fixed_bytes_2 = 44;
+constexpr int list_count_bytes = 5;
+constexpr int sensitivity_bytes = 23;
+constexpr int max_contexts_bytes = 5;
+constexpr int crc_bytes = 4;
+constexpr unsigned char expansion_end = 0;
+constexpr unsigned char expansion_max_contexts = 1;
+constexpr int longest_list = 255;
+constexpr int longest_header = 65535;
+
+const char* text_of(const char* text) { return text ? text : ""; }
+
+std::size_t bytes_of(const char* const* strings, int count) {
+  std::size_t bytes = 0;
+  for (int i = 0; i < count; ++i) bytes += std::strlen(text_of(strings[i])) + 1;
+  return bytes;
+}
+
+void fold_string(checksum& crc, const char* text) {
+  text = text_of(text);
+  crc.fold(reinterpret_cast<const unsigned char*>(text), std::strlen(text) + 1);
+}
+
+void fold_strings(checksum& crc, const char* const* strings, int count) {
+  for (int i = 0; i < count; ++i) fold_string(crc, strings[i]);
+}
+
+void fold_word(checksum& crc, unsigned value) { crc.fold_le<4>(value); }
+
+void fold_shorts(checksum& crc, const short* values, int count) {
+  for (int i = 0; i < count; ++i) fold_word(crc, unsigned(int(values[i])));
+}
+
+void fold_sensitivity(checksum& crc, const sensitivity_point_t& point) {
+  crc.fold_le<1>(point.config_type);
+  for (const unsigned value : {point.mlc_size, point.llc_size, point.instructions, point.cycles,
+                               point.llc_refs, point.llc_misses})
+    fold_word(crc, value);
+}
+
+// The CRC of the header's image for header type 1 or 2. Of 64-bit totals it covers the low half.
+unsigned image_crc(const PRUV_header_t& h, bool type_2) {
+  checksum crc;
+  for (const unsigned value :
+       {h.threads, h.cache_size_kib, h.line_size, h.extra_byte_1, h.extra_byte_2, h.address_length})
+    fold_word(crc, value);
+  for (const long long total : {h.trans_count, h.inst_count, h.cycle_count}) {
+    fold_word(crc, unsigned(total));
+    if (type_2) fold_word(crc, 0);
+  }
+  if (type_2)
+    for (const unsigned value : {h.trans_set, h.capture_point, h.gen_method, h.address_properties})
+      fold_word(crc, value);
+  fold_word(crc, h.compression);
+  fold_shorts(crc, h.extra_shorts_1, h.extra_shorts_1_count);
+  fold_strings(crc, h.trans_names, h.trans_name_count);
+  fold_strings(crc, h.extra_strings, h.extra_string_count);
+  fold_shorts(crc, h.extra_shorts_2, h.extra_shorts_2_count);
+  for (int i = 0; i < h.sensitivity_count; ++i) fold_sensitivity(crc, h.sensitivity[i]);
+  if (type_2) {
+    fold_string(crc, h.comment);
+    if (h.max_contexts) fold_word(crc, h.max_contexts);
+  }
+  return crc.value();
+}
+
+// What the size field must hold, for header type 1 or 2.
+std::size_t encoded_size(const PRUV_header_t& h, bool type_2) {
+  const int shorts = h.extra_shorts_1_count + h.extra_shorts_2_count;
+  std::size_t size = fixed_bytes_1 + list_count_bytes + 2 * std::size_t(shorts) +
+                     bytes_of(h.trans_names, h.trans_name_count) +
+                     bytes_of(h.extra_strings, h.extra_string_count) +
+                     sensitivity_bytes * std::size_t(h.sensitivity_count);
+  if (type_2)
+    size += fixed_bytes_2 - fixed_bytes_1 + std::strlen(text_of(h.comment)) + 1 +
+            (h.max_contexts ? max_contexts_bytes : 0) + 1;
+  return size;
+}
+
+[[noreturn]] void refuse_header(const char* msg, long long byte = 0) {
+  throw VQcomp_error{msg, 0, byte, false};
+}
+
+// Values that this system defines but cannot encode.
+void refuse_unsupported(const PRUV_header_t& h, bool type_2) {
+  if (h.trans_set) refuse_header("Non-zero transaction set number unsupported now");
+  if (h.capture_point || h.gen_method || h.address_properties)
+    refuse_header(
+        "Non-zero trace characteristics (capture point, gen. method, address properties "
+        "unsupported now");
+  // One negative total makes the whole sum of bits negative and passes.
+  if (!type_2 && (h.trans_count | h.inst_count | h.cycle_count) > 0xFFFFFFFFll)
+    refuse_header("Given trans/inst/cycle count too large for this header type");
+}
+
+// Values wider than their field would be stored cut off, under a CRC of the whole value.
+void refuse_wide(const PRUV_header_t& h, std::size_t size) {
+  const struct {
+    bool wide;
+    const char* msg;
+  } checks[] = {
+      {h.threads > 0xFFFF, "PRUV header: threads above 65535"},
+      {h.line_size > 0xFFFF, "PRUV header: line size above 65535"},
+      {h.extra_byte_1 > 0xFF, "PRUV header: extra byte 1 above 255"},
+      {h.extra_byte_2 > 0xFF, "PRUV header: extra byte 2 above 255"},
+      {h.address_length > 0xFF, "PRUV header: address length above 255"},
+      {h.compression > 0xFF, "PRUV header: compression above 255"},
+      {h.extra_shorts_1_count > longest_list, "PRUV header: more than 255 extra shorts 1"},
+      {h.trans_name_count > longest_list, "PRUV header: more than 255 transaction names"},
+      {h.extra_string_count > longest_list, "PRUV header: more than 255 extra strings"},
+      {h.extra_shorts_2_count > longest_list, "PRUV header: more than 255 extra shorts 2"},
+      {h.sensitivity_count > longest_list, "PRUV header: more than 255 sensitivity points"},
+      {size > longest_header, "PRUV header: comment and lists above 65535 bytes"},
+  };
+  for (const auto& check : checks)
+    if (check.wide) refuse_header(check.msg);
+  for (int i = 0; i < h.sensitivity_count; ++i) {
+    if (h.sensitivity[i].config_type > 0xFF)
+      refuse_header("PRUV header: sensitivity configuration type above 255");
+    if (h.sensitivity[i].mlc_size > 0xFFFF)
+      refuse_header("PRUV header: sensitivity MLC size above 65535");
+  }
+}
+
+unsigned char* put_shorts(unsigned char* to, const short* values, int count) {
+  to = store_le<1>(to, unsigned(count));
+  for (int i = 0; i < count; ++i) to = store_le<2>(to, static_cast<unsigned short>(values[i]));
+  return to;
+}
+
+unsigned char* put_string(unsigned char* to, const char* text) {
+  text = text_of(text);
+  const std::size_t bytes = std::strlen(text) + 1;
+  std::memcpy(to, text, bytes);
+  return to + bytes;
+}
+
+unsigned char* put_strings(unsigned char* to, const char* const* strings, int count) {
+  to = store_le<1>(to, unsigned(count));
+  for (int i = 0; i < count; ++i) to = put_string(to, strings[i]);
+  return to;
+}
+
+unsigned char* put_sensitivity(unsigned char* to, const sensitivity_point_t* points, int count) {
+  to = store_le<1>(to, unsigned(count));
+  for (int i = 0; i < count; ++i) {
+    to = store_le<1>(to, points[i].config_type);
+    to = store_le<2>(to, points[i].mlc_size);
+    to = store_le<4>(to, points[i].llc_size);
+    to = store_le<4>(to, points[i].instructions);
+    to = store_le<4>(to, points[i].cycles);
+    to = store_le<4>(to, points[i].llc_refs);
+    to = store_le<4>(to, points[i].llc_misses);
+  }
+  return to;
+}
+
+unsigned char* put_sizes(unsigned char* to, const PRUV_header_t& h) {
+  to = store_le<2>(to, h.threads);
+  to = store_le<4>(to, h.cache_size_kib);
+  to = store_le<2>(to, h.line_size);
+  to = store_le<1>(to, h.extra_byte_1);
+  to = store_le<1>(to, h.extra_byte_2);
+  return store_le<1>(to, h.address_length);
+}
+
+template <int Bytes>
+unsigned char* put_totals(unsigned char* to, const PRUV_header_t& h) {
+  for (const long long total : {h.trans_count, h.inst_count, h.cycle_count})
+    to = store_le<Bytes>(to, static_cast<unsigned long long>(total));
+  return to;
+}
+
+unsigned char* put_comment_and_expansion(unsigned char* to, const PRUV_header_t& h) {
+  to = put_string(to, h.comment);
+  if (h.max_contexts) {
+    *to++ = expansion_max_contexts;
+    to = store_le<4>(to, h.max_contexts);
+  }
+  *to++ = expansion_end;
+  return to;
+}
+
+unsigned char* put_header(unsigned char* to, const PRUV_header_t& h, bool type_2, int size,
+                          unsigned crc) {
+  to = store_le<size_field>(to, unsigned(size));
+  to = put_sizes(to, h);
+  to = type_2 ? put_totals<8>(to, h) : put_totals<4>(to, h);
+  if (type_2)
+    for (const unsigned value : {h.trans_set, h.capture_point, h.gen_method, h.address_properties})
+      to = store_le<1>(to, value);
+  to = store_le<1>(to, h.compression);
+  to = store_le<crc_bytes>(to, crc);
+  to = put_shorts(to, h.extra_shorts_1, h.extra_shorts_1_count);
+  to = put_strings(to, h.trans_names, h.trans_name_count);
+  to = put_strings(to, h.extra_strings, h.extra_string_count);
+  to = put_shorts(to, h.extra_shorts_2, h.extra_shorts_2_count);
+  to = put_sensitivity(to, h.sensitivity, h.sensitivity_count);
+  return type_2 ? put_comment_and_expansion(to, h) : to;
+}
+
+}  // namespace
+
+unsigned VQcomp::pruv_header_size_and_crc(const PRUV_header_t& header, int& size) {
+  const int type = header.version >= 0 && header.version <= last_version
+                       ? hdr_type_for_version[header.version]
+                       : 0;
+  if (type != 1 && type != 2) refuse_header("Internal error: header type corrupted");
+  size = int(std::min<std::size_t>(encoded_size(header, type == 2), INT_MAX));
+  return image_crc(header, type == 2);
+}
+
+unsigned char* VQcomp::pruv_header_struct_to_bytes(PRUV_header_t& header, int& size) {
+  if (header.compression == 0) header.max_contexts = 0;
+  int counted;
+  const unsigned crc = pruv_header_size_and_crc(header, counted);
+  const bool type_2 = hdr_type_for_version[header.version] == 2;
+  refuse_unsupported(header, type_2);
+  refuse_wide(header, std::size_t(counted));
+  size = counted + size_field;
+  auto bytes = std::make_unique<unsigned char[]>(std::size_t(size));
+  const unsigned char* const end = put_header(bytes.get(), header, type_2, counted, crc);
+  if (end != bytes.get() + size) refuse_header("Internal error: PRUV header size miscounted");
+  return bytes.release();
+}
+
+namespace {
+
+// Takes the fields of an encoded header one after another. Everything that runs beyond the
+// header's length is refused in `need`.
+struct header_cursor {
+  const unsigned char* at;
+  int left;  // bytes of the header behind `at`
+  long long end_offset;
+
+  void need(int bytes) const {
+    if (left < bytes) refuse_header(ends_early, end_offset);
+  }
+  template <int Bytes>
+  unsigned long long get() {
+    need(Bytes);
+    const unsigned char* const from = at;
+    at += Bytes;
+    left -= Bytes;
+    return load_le<Bytes>(from);
+  }
+  template <int Bytes>
+  unsigned word() {
+    static_assert(Bytes <= 4);
+    return unsigned(get<Bytes>());
+  }
+};
+
+// Room for `size` entries that the caller of a static decoder will own.
+template <class T>
+T* make_owned(int size) {
+  return new T[std::size_t(size)];
+}
+
+void get_sizes(header_cursor& from, PRUV_header_t& h) {
+  h.threads = from.word<2>();
+  h.cache_size_kib = from.word<4>();
+  h.line_size = from.word<2>();
+  h.extra_byte_1 = from.word<1>();
+  h.extra_byte_2 = from.word<1>();
+  h.address_length = from.word<1>();
+}
+
+template <int Bytes>
+void get_totals(header_cursor& from, PRUV_header_t& h) {
+  for (long long* const total : {&h.trans_count, &h.inst_count, &h.cycle_count})
+    *total = static_cast<long long>(from.get<Bytes>());
+}
+
+void get_characteristics(header_cursor& from, PRUV_header_t& h) {
+  for (unsigned* const value :
+       {&h.trans_set, &h.capture_point, &h.gen_method, &h.address_properties})
+    *value = from.word<1>();
+}
+
+void get_sensitivity(header_cursor& from, PRUV_header_t& h) {
+  from.need(1);
+  const int count = int(from.word<1>());
+  from.need(sensitivity_bytes * count);
+  if (count == 0) return;
+  h.sensitivity = make_owned<sensitivity_point_t>(count);
+  h.sensitivity_count = count;
+  for (int i = 0; i < count; ++i) {
+    sensitivity_point_t& point = h.sensitivity[i];
+    point.config_type = from.word<1>();
+    point.mlc_size = from.word<2>();
+    for (unsigned* const value :
+         {&point.llc_size, &point.instructions, &point.cycles, &point.llc_refs, &point.llc_misses})
+      *value = from.word<4>();
+  }
+}
+
+// The bytes of the string at `at`, its terminating 0 included; 0 when none stands within `left`.
+int string_bytes(const unsigned char* at, int left) {
+  const void* const end = left > 0 ? std::memchr(at, 0, std::size_t(left)) : nullptr;
+  return end ? int(static_cast<const unsigned char*>(end) - at) + 1 : 0;
+}
+
+void get_comment(header_cursor& from, PRUV_header_t& h) {
+  const int bytes = string_bytes(from.at, from.left);
+  if (bytes == 0) refuse_header(ends_early, from.end_offset);
+  if (bytes > 1) {
+    h.comment = make_owned<char>(bytes);
+    std::memcpy(h.comment, from.at, std::size_t(bytes));
+  }
+  from.at += bytes;
+  from.left -= bytes;
+}
+
+void get_expansion(header_cursor& from, PRUV_header_t& h) {
+  for (;;) {
+    const long long tag_offset = from.end_offset - from.left;
+    switch (from.word<1>()) {
+      case expansion_end:
+        return;
+      case expansion_max_contexts:
+        h.max_contexts = from.word<4>();
+        break;
+      default:
+        refuse_header("Unknown expansion field in PRUV header", tag_offset);
+    }
+  }
+}
+
+}  // namespace
+
+PRUV_header_t* VQuncomp::pruv_header_bytes_to_struct(const unsigned char* bytes, int length,
+                                                     int version, int offset) {
+  const bool type_2 = VQcomp::hdr_type_for_version[version] == 2;
+  const int fixed_bytes = type_2 ? fixed_bytes_2 : fixed_bytes_1;
+  header_cursor from{bytes, length, offset + length};
+  from.need(fixed_bytes);
+  auto header = std::make_unique<PRUV_header_t>();
+  get_sizes(from, *header);
+  if (type_2) {
+    get_totals<8>(from, *header);
+    get_characteristics(from, *header);
+  } else {
+    get_totals<4>(from, *header);
+  }
+  header->compression = from.word<1>();
+  const unsigned stored_crc = from.word<crc_bytes>();
+  header->version = version;
+
+  header->extra_shorts_1 = unpack_shorts(from.at, from.left, header->extra_shorts_1_count);
+  header->trans_names = unpack_strings(from.at, from.left, header->trans_name_count);
+  header->trans_names_static = false;
+  header->extra_strings = unpack_strings(from.at, from.left, header->extra_string_count);
+  header->extra_shorts_2 = unpack_shorts(from.at, from.left, header->extra_shorts_2_count);
+  get_sensitivity(from, *header);
+  if (type_2) {
+    get_comment(from, *header);
+    get_expansion(from, *header);
+  }
+  if (from.left > 0) refuse_header("Unknown junk at end of PRUV header", from.end_offset);
+
+  // The size fails where the fields could have been encoded in fewer bytes.
+  int size;
+  if (VQcomp::pruv_header_size_and_crc(*header, size) != stored_crc || size != length)
+    refuse_header("PRUV header has bad CRC", offset + fixed_bytes - crc_bytes);
+  return header.release();
+}
+
+short* VQuncomp::unpack_shorts(const unsigned char*& p, int& left, int& count) {
+  if (left < 1) refuse_header(ends_early);
+  const int listed = *p;
+  if (left < 2 * listed + 1) refuse_header(ends_early);
+  ++p;
+  left -= 2 * listed + 1;
+  count = listed;
+  if (listed == 0) return nullptr;
+  short* const values = make_owned<short>(listed);
+  for (int i = 0; i < listed; ++i, p += 2) values[i] = short(load_le<2>(p));
+  return values;
+}
+
+char** VQuncomp::unpack_strings(const unsigned char*& p, int& left, int& count) {
+  if (left < 1) refuse_header(ends_early);
+  std::vector<std::unique_ptr<char[]>> strings(*p++);
+  --left;
+  for (auto& string : strings) {
+    const int bytes = string_bytes(p, left);
+    if (bytes == 0) refuse_header(ends_early);
+    string.reset(make_owned<char>(bytes));
+    std::memcpy(string.get(), p, std::size_t(bytes));
+    p += bytes;
+    left -= bytes;
+  }
+  count = int(strings.size());
+  if (count == 0) return nullptr;
+  char** const owned = make_owned<char*>(count);
+  std::transform(strings.begin(), strings.end(), owned,
+                 [](auto& string) { return string.release(); });
+  return owned;
+}
+
+// VQcomp: the preamble, the one door through which transactions enter, the record writers, and the
+// end of the file.
+
+VQcomp::VQcomp(FILE* out_stream, int file_type, PRUV_header_t* header, int size,
+               long long window_bytes)
+    : window(window_bytes >> 3),
+      max_contexts(header && header->max_contexts ? header->max_contexts : no_limit),
+      block_size(size),
+      out(out_stream),
+      crc(std::make_unique<checksum>()),
+      version(file_type),
+      exceptions_at_birth(std::uncaught_exceptions()) {
+  if (size < 84 || size > 65536) refuse_header("Size too large or too small");
+  if (version < 0 || version > last_version) refuse_header("Illegal version number (must be 0-5)");
+  four_field = version == 3 || version == 5;
+  compressed = version != 0;
+  wide_agents = version > 3;
+  hdr_type = hdr_type_for_version[version];
+  put_preamble(header);
+  contexts = std::make_unique<context_list>(max_contexts, window);
+  codec = choose_codec();
+}
+
+void VQcomp::put_preamble(PRUV_header_t* header) {
+  std::unique_ptr<unsigned char[]> encoded;
+  hdr_len = sizeof unknown_count;
+  if (hdr_type != 0) {
+    if (!header) refuse_header("Versions 2 and higher require PRUV header");
+    compressed = header->compression != 0;
+    header->version = version;
+    header->drop_trans_names();
+    encoded.reset(pruv_header_struct_to_bytes(*header, hdr_len));
+  }
+  used = mark = preamble_offset + hdr_len;
+  buffer = std::make_unique<unsigned char[]>(std::size_t(std::max(block_size, used) + spare_bytes));
+  std::copy(std::begin(magic), std::end(magic), buffer.get());
+  *at(version_offset) = static_cast<unsigned char>(version);
+  if (encoded)
+    std::copy_n(encoded.get(), hdr_len, at(preamble_offset));
+  else
+    store_le<sizeof unknown_count>(at(preamble_offset), unknown_count);
+}
+
+VQcomp::codec_function VQcomp::choose_codec() const {
+  if (compressed) return four_field ? &VQcomp::codec_4_field_cmp : &VQcomp::codec_3_field_cmp;
+  if (wide_agents)
+    return four_field ? &VQcomp::codec_4_field_raw_a2 : &VQcomp::codec_3_field_raw_a2;
+  return four_field ? &VQcomp::codec_4_field_raw : &VQcomp::codec_3_field_raw;
+}
+
+VQcomp::~VQcomp() noexcept(false) {
+  const bool silent = aborted || std::uncaught_exceptions() > exceptions_at_birth;
+  flushPendingRepeat();
+  if (used > 0 && out) {
+    const bool written = std::fwrite(buffer.get(), 1, std::size_t(used), out) == std::size_t(used);
+    if ((!written || std::fflush(out) != 0) && !silent) refuse(cannot_write);
+    used = 0;
+  }
+  if (used > 0 && !silent) refuse("Compressor killed with output remaining");
+}
+
+void VQcomp::refuse(const char* msg) const { throw VQcomp_error{msg, record_count, 0, false}; }
+
+void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned count) {
+  ++record_count;
+  if (trans > last_trans) refuse("Transaction out of range");
+  if (is_deferred_reply(trans)) {
+    addr &= 0xFF0000;
+  } else {
+    if (addr & 7) refuse("Lowest 3 bits of address not 0");
+    if (addr >> addr_bits > 0)
+      addr_bits = unsigned(std::bit_width(static_cast<unsigned long long>(addr)));
+  }
+  if (agent >> (wide_agents ? 16 : 8) != 0) refuse("Agent ID too big for this version");
+
+  fold_transaction(*crc, trans, addr, agent, wide_agents);
+  if (const char* const msg = (this->*codec)(trans, addr, agent, count)) refuse(msg);
+  if (used >= block_size) hand_out_block();
+}
+
+void VQcomp::hand_out_block() {
+  if (!out) throw VQcomp_block{unsigned(mark)};
+  if (std::fwrite(buffer.get(), 1, std::size_t(mark), out) != std::size_t(mark))
+    refuse(cannot_write);
+  reset_buffer();
+}
+
+void VQcomp::reset_buffer() {
+  std::memmove(buffer.get(), at(mark), std::size_t(used - mark));
+  used -= mark;
+  mark = 0;
+}
+
+template <int AgentBytes>
+void VQcomp::put_raw(velk_trans_class trans, long long addr, int agent) {
+  unsigned char* to = at(used);
+  to = store_le<1>(to, trans);
+  to = store_le<AgentBytes>(to, unsigned(agent));
+  to = store_le<8>(to, static_cast<unsigned long long>(addr));
+  mark = used = int(to - buffer.get());
+}
+
+void VQcomp::put_raw_count(unsigned count) {
+  crc->fold_le<4>(count);
+  mark = used = int(store_le<4>(at(used), count) - buffer.get());
+}
+
+const char* VQcomp::codec_3_field_raw(velk_trans_class trans, long long addr, int agent, unsigned) {
+  put_raw<1>(trans, addr, agent);
+  return nullptr;
+}
+
+const char* VQcomp::codec_3_field_raw_a2(velk_trans_class trans, long long addr, int agent,
+                                         unsigned) {
+  put_raw<2>(trans, addr, agent);
+  return nullptr;
+}
+
+const char* VQcomp::codec_4_field_raw(velk_trans_class trans, long long addr, int agent,
+                                      unsigned count) {
+  put_raw<1>(trans, addr, agent);
+  put_raw_count(count);
+  return nullptr;
+}
+
+const char* VQcomp::codec_4_field_raw_a2(velk_trans_class trans, long long addr, int agent,
+                                         unsigned count) {
+  put_raw<2>(trans, addr, agent);
+  put_raw_count(count);
+  return nullptr;
+}
+
+void VQcomp::put_byte(unsigned value) { *at(used++) = static_cast<unsigned char>(value); }
+
+void VQcomp::put_number(unsigned long long value) {
+  used = int(put_stop_bit(at(used), value) - buffer.get());
+}
+
+// Code and agent of a new context. Agents of 255 and more switch the rest of the stream to
+// stop-bit numbers.
+void VQcomp::encode_agent_trans(velk_trans_class trans, int agent) {
+  if (agent == 0) return put_byte(trans | no_agent);
+  put_byte(trans);
+  if (!agent_escape && (agent < escaped_agent || !wide_agents)) return put_byte(unsigned(agent));
+  if (!agent_escape) put_byte(escaped_agent);
+  agent_escape = true;
+  put_number(unsigned(agent));
+}
+
+// Puts a repeat count into the record at `mark`, whose other bytes are all written, and completes
+// that record.
+void VQcomp::put_repeat(unsigned repeat) {
+  *at(mark) |= static_cast<unsigned char>(std::min(repeat, long_repeat) << repeat_shift);
+  if (repeat >= long_repeat) put_number(repeat - last_short_repeat);
+  mark = used;
+}
+
+void VQcomp::flushPendingRepeat() {
+  put_repeat(pending_repeat);
+  pending_repeat = 0;
+}
+
+int VQcomp::cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev) {
+  const int position = contexts->touch({unit_addr, agent, trans}, prev);
+  if (position > 0) distance_sum += position;
+  return position;
+}
+
+// Head byte, context number and delta of a record whose context was found at `position`, there with
+// the address `prev`.
+void VQcomp::put_known_context(velk_trans_class trans, long long unit_addr, int position,
+                               long long prev) {
+  unsigned char& head = *at(used);
+  if (position <= last_short_position) {
+    put_byte(unsigned(position) << position_shift);
+  } else {
+    put_byte(numbered_context);
+    put_number(unsigned(position - last_short_position));
+  }
+  const int shift = size_class(trans);
+  const long long lines = (unit_addr >> shift) - (prev >> shift);
+  if (is_aligned(unit_addr, shift) && std::abs(lines) <= largest_short_delta) {
+    head |= lines & 0xF;
+  } else {
+    head |= long_delta;
+    used = int(put_signed_stop_bit(at(used), unit_addr - prev) - buffer.get());
+  }
+}
+
+void VQcomp::put_new_context(velk_trans_class trans, long long unit_addr, int agent) {
+  put_byte(numbered_context | (unit_addr & 0xF));
+  put_byte(new_context);
+  put_number(static_cast<unsigned long long>(unit_addr) >> 4);
+  encode_agent_trans(trans, agent);
+}
+
+void VQcomp::put_record(velk_trans_class trans, long long unit_addr, int agent, int position,
+                        long long prev) {
+  if (position >= 0)
+    put_known_context(trans, unit_addr, position, prev);
+  else
+    put_new_context(trans, unit_addr, agent);
+}
+
+// A transaction that goes on where the front context's latest ended, one line further, costs
+// nothing: it is counted, and the count is put into the head byte of the record that it repeats.
+const char* VQcomp::codec_3_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned) {
+  const long long unit_addr = to_units(addr, usual_unit);
+  long long prev;
+  const int position = cam_context(trans, unit_addr, agent, prev);
+  const int shift = size_class(trans);
+  if (position == 0 && is_aligned(unit_addr, shift) && (prev >> shift) + 1 == unit_addr >> shift) {
+    ++pending_repeat;
+    return nullptr;
+  }
+  flushPendingRepeat();
+  put_record(trans, unit_addr, agent, position, prev);
+  return nullptr;
+}
+
+// With four fields the repeat count is the transaction's count.
+const char* VQcomp::codec_4_field_cmp(velk_trans_class trans, long long addr, int agent,
+                                      unsigned count) {
+  crc->fold_le<4>(count);
+  const long long unit_addr = to_units(addr, unit_with_count(trans));
+  long long prev;
+  const int position = cam_context(trans, unit_addr, agent, prev);
+  put_record(trans, unit_addr, agent, position, prev);
+  put_repeat(count);
+  return nullptr;
+}
+
+int VQcomp::finish(unsigned& contexts_used, unsigned& avg_distance, unsigned& address_bits) {
+  flushPendingRepeat();
+  crc->close();
+  if (compressed)
+    for (const unsigned char byte : end_of_contexts) put_byte(byte);
+  else
+    put_byte(end_of_raw);
+  for (int shift = 24; shift >= 0; shift -= 8) put_byte(crc->value() >> shift);
+  if (hdr_type == 0) {
+    store_le<trailer_bytes>(at(used), static_cast<unsigned long long>(record_count));
+    used += trailer_bytes;
+  }
+  mark = used;
+  contexts_used = unsigned(contexts->size());
+  avg_distance = record_count ? unsigned((record_count / 2 + distance_sum) / record_count) : 0;
+  address_bits = std::max(addr_bits, 8u);
+  return used;
+}
+
+// VQuncomp: the preamble, the road of the bytes from chunk to buffer, the record readers, and the
+// checks at the end of the stream.
+
+VQuncomp::VQuncomp()
+    : current(&no_context),
+      margin(usual_margin),
+      crc(std::make_unique<checksum>()),
+      contexts(std::make_unique<inslist<context>>()) {}
+
+VQuncomp::~VQuncomp() = default;
+
+void VQuncomp::fail(const char* msg, long long byte) const {
+  throw VQcomp_error{msg, record_number, byte, false};
+}
+
+void VQuncomp::put(const unsigned char* data, int len) {
+  if (input_left > 0) fail("Previous block hasn't been finished", base + head);
+  if (finished) fail("Input has already been finished", base + head);
+  input = data;
+  input_left = std::max(len, 0);
+  if (len <= 0) {
+    finished = true;
+    if (header_left > 0) fail(ends_early, base + head);
+  } else if (header_left > 0) {
+    if (!buffer) start_preamble();
+    gather_preamble();
+    if (header_left == 0) finish_preamble();
+  }
+}
+
+void VQuncomp::start_preamble() {
+  if (input_left < size_field + preamble_offset)
+    refuse_header("Not enough in first block for header");
+  if (std::memcmp(input, magic, sizeof magic) != 0)
+    refuse_header("No magic number; is this a QUBIX?");
+  version = input[version_offset];
+  if (version > last_version) refuse_header("Input has bad version (must be 0-5)", version_offset);
+  compressed = version == 1;
+  four_field = version == 3 || version == 5;
+  wide_agents = version > 3;
+  hdr_type = VQcomp::hdr_type_for_version[version];
+  header_left = trailer_bytes;
+  base = preamble_offset;
+  if (hdr_type != 0) {
+    header_left = int(load_le<size_field>(input + preamble_offset));
+    if (header_left < shortest_header) refuse_header(ends_early, preamble_offset + header_left);
+    base += size_field;
+  }
+  make_buffer(std::max(smallest_capacity, header_left + 1));
+  input += base;
+  input_left -= int(base);
+}
+
+void VQuncomp::gather_preamble() {
+  const int taken = std::min(header_left, input_left);
+  take_input(taken);
+  base += taken;
+  header_left -= taken;
+}
+
+void VQuncomp::finish_preamble() {
+  if (hdr_type == 0) {
+    const auto stored = unsigned(load_le<sizeof unknown_count>(buffer.get()));
+    header = std::make_unique<PRUV_header_t>();
+    header->trans_count = stored == unknown_count ? -1 : static_cast<long long>(stored);
+    header->cycle_count = header->trans_count;
+  } else {
+    header.reset(pruv_header_bytes_to_struct(buffer.get(), tail, version, int(base) - tail));
+    compressed = header->compression != 0;
+  }
+  header->version = version;
+  header->compression = compressed;
+  if (!header->trans_names) header->use_default_trans_names();
+  known_count = header->trans_count;
+  name_count = header->trans_name_count;
+  const unsigned kept = header->max_contexts ? header->max_contexts : no_limit;
+  contexts->max_blocks = kept / inslist<context>::block_elements + 2;
+  codec = choose_codec();
+  head = tail = 0;
+}
+
+VQuncomp::codec_function VQuncomp::choose_codec() const {
+  if (compressed) return four_field ? &VQuncomp::codec_4_field_cmp : &VQuncomp::codec_3_field_cmp;
+  if (wide_agents)
+    return four_field ? &VQuncomp::codec_4_field_raw_a2 : &VQuncomp::codec_3_field_raw_a2;
+  return four_field ? &VQuncomp::codec_4_field_raw : &VQuncomp::codec_3_field_raw;
+}
+
+long long VQuncomp::known_length() const {
+  if (header_left > 0) throw VQcomp_block{0};
+  return known_count;
+}
+
+PRUV_header_t* VQuncomp::read_pruv_header() {
+  if (header_left > 0) throw VQcomp_block{0};
+  return header.release();
+}
+
+void VQuncomp::check() const {
+  if (head < tail) fail("Some input left in uncompressor", base);
+}
+
+// Gives `buffer` room for `bytes` and keeps what it holds. The guard bytes behind the room end any
+// number that damaged data lets run on.
+void VQuncomp::make_buffer(int bytes) {
+  auto made = std::make_unique<unsigned char[]>(std::size_t(bytes + guard_bytes));
+  std::copy_n(buffer.get(), tail, made.get());
+  std::fill_n(made.get() + bytes, guard_bytes, stop_bit);
+  buffer = std::move(made);
+  capacity = bytes;
+}
+
+// Moves the next `bytes` of the chunk behind the valid bytes.
+void VQuncomp::take_input(int bytes) {
+  std::copy_n(input, bytes, at(tail));
+  tail += bytes;
+  input += bytes;
+  input_left -= bytes;
+}
+
+// Sees to it that a record can be started: either more than `margin` bytes lie ahead, or all that
+// are left of the input.
+void VQuncomp::look_ahead() {
+  if (finished) {
+    if (head >= tail) fail("Input ends early", base + tail);
+    return;
+  }
+  if (header_left > 0 || input_left == 0) throw VQcomp_block{0};
+  base += head;
+  tail -= head;
+  std::memmove(buffer.get(), at(head), std::size_t(tail));
+  head = 0;
+  if (capacity <= margin) make_buffer(2 * margin);
+  take_input(std::min(input_left, capacity - tail));
+  limit = tail - margin;
+  if (limit <= head) throw VQcomp_block{0};
+}
+
+// Decodes the record at `head`, unless not all of it is there: a proper record is, except where the
+// input ends within it, but damaged data can hold numbers of any length. To the end marker belongs
+// what check_end() looks at.
+VQuncomp::outcome VQuncomp::decode(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                   unsigned& count) {
+  const int start = head;
+  const bool escape_before = agent_escape;
+  const bool delivered = (this->*codec)(trans, addr, agent, count);
+  const int needed = delivered || finished ? 0 : checksum_bytes + trailer_bytes + 1;
+  if (tail - head >= needed) return delivered ? outcome::transaction : outcome::end_of_records;
+  head = start;
+  agent_escape = escape_before;
+  return outcome::incomplete;
+}
+
+// After a record that was not whole: asks for twice the bytes, so that the bytes of an overlong
+// record are not read over and over.
+void VQuncomp::want_more() {
+  if (finished) fail("Input ends early", base + tail);
+  margin = 2 * (tail - head);
+  if (margin > longest_damaged_record) fail("Record too long", record_start);
+  limit = head;
+}
+
+void VQuncomp::read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count) {
+  for (;;) {
+    if (head >= limit) look_ahead();
+    record_start = base + head;
+    const outcome met = decode(trans, addr, agent, count);
+    if (met == outcome::end_of_records) check_end();
+    if (met == outcome::transaction) break;
+    want_more();
+  }
+  if (margin != usual_margin) {
+    margin = usual_margin;
+    limit = tail - margin;
+  }
+  fold_transaction(*crc, trans, addr, agent, wide_agents);
+  if (four_field) crc->fold_le<4>(count);
+  if (trans >= name_count) fail("Transaction number out of range", record_start);
+  ++record_number;
+}
+
+// Checks what follows the end marker. Always throws: VQcomp_done when all is well.
+void VQuncomp::check_end() {
+  if (tail - head < checksum_bytes) fail(ends_early, base);
+  crc->fold(at(head), checksum_bytes);
+  head += checksum_bytes;
+  if (crc->value() != 0) fail("Bad checksum", base + head);
+  if (known_count == -1) {
+    if (tail - head < trailer_bytes) fail(ends_early, base + head);
+    known_count = static_cast<long long>(load_le<trailer_bytes>(at(head)));
+    head += trailer_bytes;
+  }
+  if (known_count != 0 && known_count != record_number - 1)
+    fail("Bad transaction count", base + head);
+  if (head < tail || !finished)
+    fail("Extra data follows good checksum -- file is bad?", base + head);
+  throw VQcomp_done{};
+}
+
+template <int AgentBytes, bool FourField>
+bool VQuncomp::get_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count) {
+  constexpr int size = 1 + AgentBytes + 8 + (FourField ? 4 : 0);
+  const unsigned char* const from = at(head);
+  if (*from == end_of_raw) {
+    ++head;
+    return false;
+  }
+  if (tail - head < size) {
+    head = tail + 1;
+    return true;
+  }
+  trans = *from;
+  agent = int(load_le<AgentBytes>(from + 1));
+  addr = static_cast<typeaddr>(load_le<8>(from + 1 + AgentBytes));
+  count = FourField ? unsigned(load_le<4>(from + size - 4)) : 1;
+  head += size;
+  return true;
+}
+
+bool VQuncomp::codec_3_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                 unsigned& count) {
+  return get_raw<1, false>(trans, addr, agent, count);
+}
+
+bool VQuncomp::codec_3_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                    unsigned& count) {
+  return get_raw<2, false>(trans, addr, agent, count);
+}
+
+bool VQuncomp::codec_4_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                 unsigned& count) {
+  return get_raw<1, true>(trans, addr, agent, count);
+}
+
+bool VQuncomp::codec_4_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                    unsigned& count) {
+  return get_raw<2, true>(trans, addr, agent, count);
+}
+
+template <class Number>
+Number VQuncomp::get_number() {
+  const unsigned char* from = at(head);
+  Number value;
+  if constexpr (std::is_signed_v<Number>)
+    value = get_signed_stop_bit(from);
+  else
+    value = get_stop_bit<Number>(from);
+  head = int(from - buffer.get());
+  return value;
+}
+
+void VQuncomp::decode_agent_trans(velk_trans_class& trans, int& agent) {
+  const unsigned char code = *at(head++);
+  trans = code & ~no_agent;
+  agent = 0;
+  if (code & no_agent) return;
+  if (!agent_escape) {
+    const unsigned char byte = *at(head++);
+    agent_escape = byte == escaped_agent && wide_agents;
+    agent = byte;
+  }
+  if (agent_escape) agent = int(get_number<unsigned>());
+}
+
+// One context-coded record as it stands in the file.
+struct VQuncomp::record_fields {
+  bool is_new;                  // introduces a context, `introduced`; else:
+  unsigned long long position;  // of its context
+  bool in_lines;                // the delta counts lines of the context's size class
+  long long delta;
+  context introduced;
+  unsigned repeat;
+};
+
+// Takes the record at `head`; false at the end marker. Touches nothing but `head`, `agent_escape`
+// and `fields`.
+bool VQuncomp::get_record(record_fields& fields) {
+  const unsigned char first = *at(head++);
+  const unsigned low = first & 0xF;
+  fields.position = first >> position_shift & 3;
+  fields.is_new = false;
+  if (fields.position > last_short_position) {
+    const int number_at = head;
+    const unsigned number = get_number<unsigned>();
+    if (number == 0 && head - number_at > 1) return false;
+    fields.is_new = number == 0;
+    fields.position = static_cast<unsigned long long>(number) + last_short_position;
+  }
+  if (fields.is_new) {
+    fields.introduced.addr = typeaddr(low | get_number<unsigned long long>() << 4);
+    decode_agent_trans(fields.introduced.trans, fields.introduced.agent);
+  } else {
+    fields.in_lines = low != long_delta;
+    fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_number<long long>();
+  }
+  fields.repeat = first >> repeat_shift;
+  if (fields.repeat == long_repeat) fields.repeat = get_number<unsigned>() + last_short_repeat;
+  return true;
+}
+
+void VQuncomp::enter_context(const record_fields& fields) {
+  if (fields.is_new) {
+    current = contexts->insert(fields.introduced);
+    return;
+  }
+  if (fields.position > 0) current = find_context(fields.position);
+  if (fields.in_lines)
+    move_lines(*current, fields.delta);
+  else
+    current->addr = wrapping_sum(current->addr, fields.delta);
+}
+
+VQuncomp::context* VQuncomp::find_context(unsigned long long position) {
+  try {
+    if (position <= UINT_MAX) return contexts->lookup(unsigned(position));
+  } catch (bool) {
+  }
+  fail("Context number too high", record_start);
+}
+
+bool VQuncomp::codec_3_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                 unsigned& count) {
+  count = 1;
+  if (pending_repeat > 0) {
+    --pending_repeat;
+    move_lines(*current, 1);
+  } else {
+    record_fields fields;
+    if (!get_record(fields)) return false;
+    if (head > tail) return true;
+    enter_context(fields);
+    pending_repeat = fields.repeat;
+  }
+  trans = current->trans;
+  agent = current->agent;
+  addr = from_units(current->addr, usual_unit);
+  return true;
+}
+
+bool VQuncomp::codec_4_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent,
+                                 unsigned& count) {
+  record_fields fields;
+  if (!get_record(fields)) return false;
+  if (head > tail) return true;
+  enter_context(fields);
+  trans = current->trans;
+  agent = current->agent;
+  addr = from_units(current->addr, unit_with_count(trans));
+  count = fields.repeat;
+  return true;
+}
+
+// velk_reader: text lines by the C library's own scanf, whose corners are the grammar's corners, or
+// a decompressor fed in chunks.
+
+namespace {
+
+// Takes the name, cut off after 19 characters, and the numbers of a line. False for a line that is
+// no transaction.
+bool scan_line(const char* line, char (&name)[20], long long& addr, int& agent, unsigned& count) {
+  unsigned long long scanned_addr;
+  unsigned scanned_agent;
+  char behind;
+  const int fields =
+      std::sscanf(line, "%19s%llx%x %u%c", name, &scanned_addr, &scanned_agent, &count, &behind);
+  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return false;
+  addr = static_cast<long long>(scanned_addr);
+  agent = static_cast<int>(scanned_agent);
+  if (fields == 3) count = 1;
+  return true;
+}
+
+}  // namespace
+
+velk_reader::velk_reader(FILE* stream, name_parser parser)
+    : file(stream), str2num(parser ? parser : velk_trans_str2num_type1) {
+  if (!file) return;
+  const int first = std::fgetc(file);
+  if (first == EOF) return;
+  std::ungetc(first, file);
+  if (first == magic[0]) uncomp = std::make_unique<VQuncomp>();
+}
+
+velk_reader::~velk_reader() = default;
+
+void velk_reader::require_file() const {
+  if (!file) throw VQcomp_error{"No input file open", 0, 0, false};
+}
+
+// Hands the next chunk of the stream to the decompressor; an empty one is the end of the input.
+void velk_reader::feed() {
+  chunk_len = int(std::fread(chunk, 1, sizeof chunk, file));
+  uncomp->put(chunk, chunk_len);
+}
+
+bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count) {
+  while (uncomp) {
+    try {
+      uncomp->read(trans, addr, agent, count);
+      return true;
+    } catch (const VQcomp_block&) {
+      feed();
+    } catch (const VQcomp_done&) {
+      uncomp.reset();
+      return false;
+    }
+  }
+  return read_line(trans, addr, agent, count);
+}
+
+bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent) {
+  unsigned count;
+  return read(trans, addr, agent, count);
+}
+
+bool velk_reader::read_line(velk_trans_class& trans, long long& addr, int& agent, unsigned& count) {
+  require_file();
+  ++line_no;
+  char line[longest_line + 1];
+  if (!std::fgets(line, sizeof line, file)) return false;
+  const auto fail = [this](const char* msg) {
+    throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
+  };
+  char name[20];
+  if (!scan_line(line, name, addr, agent, count)) fail("Bad input line");
+  try {
+    trans = str2num(name);
+  } catch (bool) {
+    fail("Unknown transaction");
+  }
+  return true;
+}
+
+unsigned long long velk_reader::length() { return uncomp ? recorded_length() : count_lines(); }
+
+unsigned long long velk_reader::count_lines() {
+  require_file();
+  for (char piece[longest_counted_piece + 1]; std::fgets(piece, sizeof piece, file); ++line_no)
+    rewind_needed = true;
+  return line_no;
+}
+
+unsigned long long velk_reader::recorded_length() {
+  for (;;) {
+    try {
+      const long long known = uncomp->known_length();
+      return known == -1 ? trailing_length() : static_cast<unsigned long long>(known);
+    } catch (const VQcomp_block&) {
+      feed();
+    }
+  }
+}
+
+// The count trailer, the last bytes of the input, which is spent then.
+unsigned long long velk_reader::trailing_length() {
+  unsigned char trailer[trailer_bytes];
+  if (std::fseek(file, -trailer_bytes, SEEK_END) == 0) {
+    if (std::fread(trailer, 1, sizeof trailer, file) != sizeof trailer)
+      throw VQcomp_error{"Error reading length from QUBIX", 0, 0, false};
+  } else {
+    while (chunk_len == chunk_size) chunk_len = int(std::fread(chunk, 1, sizeof chunk, file));
+    // Behind the end of a short chunk stands the end of the chunk before it.
+    for (int i = 0; i < trailer_bytes; ++i)
+      trailer[i] = chunk[(chunk_len + chunk_size - trailer_bytes + i) % chunk_size];
+  }
+  uncomp.reset();
+  rewind_needed = true;
+  return load_le<trailer_bytes>(trailer);
+}
+
+std::unique_ptr<PRUV_header_t> velk_reader::recorded_header() {
+  for (;;) {
+    try {
+      return std::unique_ptr<PRUV_header_t>(uncomp->read_pruv_header());
+    } catch (const VQcomp_block&) {
+      feed();
+    }
+  }
+}
+
+PRUV_header_t* velk_reader::pruv_header(bool want_count) {
+  std::unique_ptr<PRUV_header_t> header;
+  if (uncomp) {
+    header = recorded_header();
+    if (header->trans_count != -1) return header.release();
+  } else {
+    header = std::make_unique<PRUV_header_t>();
+    header->version = -1;
+    header->trans_count = -1;
+    header->use_default_trans_names();
+  }
+  if (want_count) header->trans_count = header->cycle_count = static_cast<long long>(length());
+  return header.release();
+}

@@ -1,0 +1,447 @@
+// The QUBIX coder: memory-bus transactions to QUBIX files and back, and VELK text to transactions.
+//
+// A transaction is four values that travel together through every call:
+//   trans   its type, a code of 0 to 67 (the names: VQcomp::FSB_transactions);
+//   addr    its byte address, a multiple of 8; of the codes 47 and 48 (deferred replies) only
+//           bits 16 to 23 are kept;
+//   agent   the number of the bus agent that issued it, 0 to 255 in file types 0 to 3 and
+//           0 to 65535 in types 4 and 5;
+//   count   an unsigned number that the user of the trace gives a meaning; only file types 3 and 5
+//           store it, elsewhere it reads back as 1.
+//
+// To write a file: construct a VQcomp, call record() for each transaction, finish(), write out the
+// rest. To read one: velk_reader over a stream, of text or QUBIX; or VQuncomp, fed by hand.
+//
+// Every failure is a VQcomp_error, thrown by value. VQcomp_block and VQcomp_done are signals of the
+// ordinary course of things. None of the objects may be used by two threads at once.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <ostream>
+#include <string>
+
+using velk_trans_class = unsigned char;
+
+class checksum;
+class context_list;
+template <class T>
+class inslist;
+
+// Errors and signals
+
+// A failure, with the place where the fault lies.
+struct VQcomp_error {
+  const char* msg;   // a string literal, never freed
+  long long record;  // 1-based number of the transaction or text line; 0: none applies
+  long long byte;    // 0-based offset in the QUBIX input; 0 or less: none applies
+  bool closed;       // whether the output has been completed all the same; false when thrown
+
+  // One line for the user, without a newline: the message, then ", at record R, byte B" with the
+  // parts that apply. Empty when `msg` is null.
+  std::string str() const;
+};
+
+// From VQcomp: the first `bytes` bytes of its buffer are final and must be written now.
+// From VQuncomp (`bytes` 0): it needs another chunk of input.
+struct VQcomp_block {
+  unsigned bytes;
+};
+
+// From VQuncomp: the stream has ended, and its checksum and count were good.
+struct VQcomp_done {};
+
+// Transaction names
+
+// The code of a name. Takes the 68 names of VQcomp::FSB_transactions and, for the codes 64 to 67,
+// also the forms with no size or another size ("VXB", "VXB16B"). Throws a bool, false, for any
+// other name.
+velk_trans_class velk_trans_str2num_type1(const char* name);
+
+// The name of a code, in static storage. Throws a bool, false, for codes above 67.
+const char* velk_trans_num2str_type1(velk_trans_class trans);
+
+// PRUV header: the metadata of a trace
+
+// One cache-sensitivity measurement. The first three fields identify it.
+struct sensitivity_point_t {
+  unsigned config_type;  // 0 to 255
+  unsigned mlc_size;     // 0 to 65535
+  unsigned llc_size;
+  unsigned instructions;
+  unsigned cycles;
+  unsigned llc_refs;
+  unsigned llc_misses;
+};
+
+// The metadata of one trace. File types 2 and 3 store it as header type 1, types 4 and 5 as header
+// type 2, which keeps the totals in 64 bits and adds the fields marked [2]. The widths in brackets
+// are those of the file; the encoder refuses values that do not fit. qubix(5).
+//
+// The record owns its arrays and strings: all are allocated with array new and freed by the
+// destructor. It is handled through a pointer and never copied.
+struct PRUV_header_t {
+  PRUV_header_t() = default;
+  ~PRUV_header_t();
+  PRUV_header_t(const PRUV_header_t&) = delete;
+  PRUV_header_t& operator=(const PRUV_header_t&) = delete;
+
+  // Back to no names at all; frees them if they are owned.
+  void drop_trans_names();
+  // The 68 names of VQcomp::FSB_transactions, in place of what was there.
+  void use_default_trans_names();
+
+  unsigned threads = 0;         // [16 bits]
+  unsigned cache_size_kib = 0;  // [32]
+  unsigned line_size = 0;       // bytes [16]
+  unsigned extra_byte_1 = 0;    // neither set nor interpreted here, only carried [8]
+  unsigned extra_byte_2 = 0;    // likewise [8]
+  unsigned address_length = 0;  // significant address bits [8]
+  long long trans_count = 0;    // transactions; -1: not known [32 or 64]
+  long long inst_count = 0;     // instructions [32 or 64]
+  long long cycle_count = 0;    // [32 or 64]
+  int version = 0;              // file type 0 to 5; -1: text [not stored here]
+  unsigned compression = 0;     // 0: raw records; else context-coded [8]
+  unsigned trans_set = 0;       // [2] this and the next three: only 0 can be encoded
+  unsigned capture_point = 0;
+  unsigned gen_method = 0;
+  unsigned address_properties = 0;
+  unsigned max_contexts = 0;        // [2] most contexts that the coder keeps; 0: no limit
+  int extra_shorts_1_count = 0;     // this and the other four lengths: 0 to 255
+  short* extra_shorts_1 = nullptr;  // neither set nor interpreted here, only carried
+  int trans_name_count = 0;
+  const char* const* trans_names = nullptr;  // by code
+  bool trans_names_static = true;            // the names are not owned
+  int extra_string_count = 0;
+  char** extra_strings = nullptr;  // carried only
+  int extra_shorts_2_count = 0;
+  short* extra_shorts_2 = nullptr;  // carried only
+  int sensitivity_count = 0;
+  sensitivity_point_t* sensitivity = nullptr;
+  char* comment = nullptr;  // [2] null: none
+};
+
+// The report of a header for people, one field a line: the file type and the total of transactions,
+// and for file types 2 to 5 the other totals, the sizes and the compression.
+template <class Char, class Traits>
+std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& out,
+                                             PRUV_header_t& header) {
+  out << "QUBIX version: " << header.version << (header.version < 0 ? " (legacy/text)" : "")
+      << std::endl;
+  out << "Total transactions: " << header.trans_count << std::endl;
+  if (header.version < 2) return out;
+  out << "Total instructions: " << header.inst_count << std::endl;
+  out << "Total cycles: " << header.cycle_count << std::endl;
+  out << "Threads: " << header.threads << std::endl;
+  out << "Cache size: " << header.cache_size_kib << " KiB" << std::endl;
+  out << "Line size: " << header.line_size << " B" << std::endl;
+  out << "Address length: " << header.address_length << std::endl;
+  out << "Compression: " << header.compression << std::endl;
+  return out;
+}
+
+// VQcomp: transactions to a QUBIX file
+
+// Builds one QUBIX file in `buffer` and hands it out in blocks. The calls, in order: the
+// constructor; record() for each transaction; finish(); then the caller writes the bytes that
+// finish() told, puts the count in its place (below), and calls reset_buffer().
+//
+// With a stream (`out`) the blocks are written there, and the destructor writes what finish() left.
+// Without one, record() throws VQcomp_block whenever a block is full: the caller writes that many
+// bytes from the start of `buffer`, calls reset_buffer() and goes on with the *next* transaction;
+// the one that was given has been recorded.
+class VQcomp {
+ public:
+  static const char* const FSB_transactions[68];  // names by code
+  // By `code >> 3`: a transaction spans 8 << shift bytes.
+  static constexpr unsigned char trans2line_size[9] = {0, 1, 2, 3, 4, 0, 0, 0, 3};
+  // By file type: 0 no header, else the header type.
+  static constexpr int hdr_type_for_version[6] = {0, 0, 1, 1, 2, 2};
+
+  struct context {
+    long long addr;  // of the latest transaction, in the codec's address units
+    int agent;
+    velk_trans_class trans;
+  };
+
+  // `out` may be null; it is not owned. `version` is the file type, 0 to 5. `header` is required
+  // for types 2 to 5, which store it; its name list is dropped (files carry none) and its `version`
+  // set. It must outlive only the call. For types 0 and 1 it may be null and gives the context
+  // limit alone. `size`, 84 to 65536, is the fill level in bytes at which a block is handed out.
+  // `window` is the distance in bytes, less than which an address may lie from a context's latest
+  // to be coded against it; it is rounded down to 8-byte units, so that below 8 nothing matches.
+  // Throws VQcomp_error, without positions, for arguments out of range and headers that cannot be
+  // encoded.
+  VQcomp(FILE* out, int version, PRUV_header_t* header, int size, long long window);
+
+  // Writes what is left when there is a stream. Throws VQcomp_error "Compressor killed with output
+  // remaining" (record: the transactions recorded) when there is none, unless the buffer is empty,
+  // `aborted` is set or another exception is on its way.
+  ~VQcomp() noexcept(false);
+
+  VQcomp(const VQcomp&) = delete;
+  VQcomp& operator=(const VQcomp&) = delete;
+
+  // Records one transaction. Throws VQcomp_error with the 1-based number of this call as `record`:
+  // "Transaction out of range", "Lowest 3 bits of address not 0", "Agent ID too big for this
+  // version", or the stream's "Can't write output"; the refused transaction is not coded. Throws
+  // VQcomp_block as told above.
+  void record(velk_trans_class trans, long long addr, int agent, unsigned count);
+
+  // Closes the file in `buffer` and returns the number of bytes there, all of which the caller must
+  // write. For file types 0 and 1 the last four of them are the count trailer: a writer that can
+  // seek puts those at offset 3 instead. For types 2 to 5 a writer that can seek rewrites the
+  // header at offset 3 where `trans_count` or `address_length` turned out different.
+  // `contexts` receives the number of contexts in use (0 for raw coding), `avg_distance` the mean
+  // list position at which they were found, rounded (0 for an empty file), `address_bits` the bit
+  // length of the largest address, at least 8.
+  int finish(unsigned& contexts, unsigned& avg_distance, unsigned& address_bits);
+
+  // Drops the bytes that have been handed out.
+  void reset_buffer();
+
+  // The CRC of a header's field values and, in `size`, what its size field must hold: the encoded
+  // bytes less 2. Throws VQcomp_error when `version` names no type with a header.
+  static unsigned pruv_header_size_and_crc(const PRUV_header_t& header, int& size);
+
+  // The encoded header, size field included, allocated with array new and owned by the caller;
+  // `size` receives its length in bytes. Sets `max_contexts` to 0 when `compression` is 0. Throws
+  // VQcomp_error, without positions, for values that the header type cannot hold.
+  static unsigned char* pruv_header_struct_to_bytes(PRUV_header_t& header, int& size);
+
+  std::unique_ptr<unsigned char[]> buffer;  // the file's bytes that were not yet handed out
+  int hdr_len;                              // bytes between the type byte and the first record
+  bool aborted = false;  // set by a caller that gives up: the destructor then stays silent
+
+ private:
+  using codec_function = const char* (VQcomp::*)(velk_trans_class, long long, int, unsigned);
+
+  // Writers of one record: each returns null, or the message of a refusal.
+  const char* codec_3_field_raw(velk_trans_class trans, long long addr, int agent, unsigned count);
+  const char* codec_3_field_raw_a2(velk_trans_class trans, long long addr, int agent,
+                                   unsigned count);
+  const char* codec_4_field_raw(velk_trans_class trans, long long addr, int agent, unsigned count);
+  const char* codec_4_field_raw_a2(velk_trans_class trans, long long addr, int agent,
+                                   unsigned count);
+  const char* codec_3_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned count);
+  const char* codec_4_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned count);
+  codec_function choose_codec() const;
+
+  void put_preamble(PRUV_header_t* header);
+  void hand_out_block();
+  template <int AgentBytes>
+  void put_raw(velk_trans_class trans, long long addr, int agent);
+  void put_raw_count(unsigned count);
+  int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
+  void put_record(velk_trans_class trans, long long unit_addr, int agent, int position,
+                  long long prev);
+  void put_known_context(velk_trans_class trans, long long unit_addr, int position, long long prev);
+  void put_new_context(velk_trans_class trans, long long unit_addr, int agent);
+  void encode_agent_trans(velk_trans_class trans, int agent);
+  void put_repeat(unsigned repeat);
+  void flushPendingRepeat();
+
+  unsigned char* at(int position) const { return buffer.get() + position; }
+  void put_byte(unsigned value);
+  void put_number(unsigned long long value);
+  [[noreturn]] void refuse(const char* msg) const;
+
+  long long window;             // in 8-byte units
+  unsigned max_contexts;        // 0xFFFFFFFF: no limit
+  unsigned pending_repeat = 0;  // repeats of the latest record that are not yet written
+  long long record_count = 0;   // record() calls so far
+  int block_size;               // fill level at which a block is handed out
+  int used;                     // bytes in `buffer`
+  int mark;                     // the latest record's first byte; all before it is final
+  std::unique_ptr<context_list> contexts;
+  FILE* out;
+  std::unique_ptr<checksum> crc;
+  int version;
+  int hdr_type;
+  bool four_field;
+  bool compressed;
+  bool wide_agents;           // 16 bits, not 8
+  bool agent_escape = false;  // agents are stop-bit numbers from now on
+  unsigned addr_bits = 4;     // bit length of the largest address so far
+  codec_function codec;
+  long long distance_sum = 0;  // of the positions at which contexts were found
+  int exceptions_at_birth;     // that were on their way when this object was made
+};
+
+// VQuncomp: a QUBIX file to transactions
+
+// Decodes one QUBIX file that is handed over in chunks. The owner calls read(); when that throws
+// VQcomp_block, it hands over the next chunk with put() and calls again; VQcomp_done is the end of
+// a good file. After a VQcomp_error the object may only be destroyed. Its transactions do not
+// depend on how the file is cut into chunks; the byte position of "QUBIX file ends prematurely"
+// behind an end marker is the one thing that does.
+class VQuncomp {
+ public:
+  using typeaddr = long long;
+
+  struct context {
+    typeaddr addr = 0;  // of the latest transaction, in the codec's address units
+    int agent = 0;
+    velk_trans_class trans = 68;  // no transaction, until it is filled in
+  };
+
+  VQuncomp();
+  ~VQuncomp();
+  VQuncomp(const VQuncomp&) = delete;
+  VQuncomp& operator=(const VQuncomp&) = delete;
+
+  // Hands over the next `len` bytes of the file, at least 5 of them the first time; 0 or less
+  // announces the end. The chunk must stay untouched until the decoder asks for more. Throws
+  // VQcomp_error for a bad preamble, and when a chunk comes that was not asked for.
+  void put(const unsigned char* data, int len);
+
+  // Delivers the next transaction. Throws VQcomp_block, VQcomp_done, or VQcomp_error with the
+  // 1-based number of the transaction and a byte offset: of the record for faults inside one, else
+  // of what follows the bytes that were consumed.
+  void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+
+  // The count of transactions that the preamble tells, -1 when it stands in the trailer. Throws
+  // VQcomp_block while preamble bytes are missing.
+  long long known_length() const;
+
+  // The file's header, a made one for types 0 and 1, which then belongs to the caller: a second
+  // call returns null. Throws VQcomp_block while preamble bytes are missing.
+  PRUV_header_t* read_pruv_header();
+
+  // Throws VQcomp_error "Some input left in uncompressor" when bytes taken from the chunks have not
+  // been decoded.
+  void check() const;
+
+  // Decodes the header whose size field says `length` and whose bytes follow at `bytes`. `version`
+  // is the file type, 2 to 5; `offset`, the file position of `bytes`, serves the positions in
+  // errors. Returns a new record that the caller owns. Throws VQcomp_error.
+  static PRUV_header_t* pruv_header_bytes_to_struct(const unsigned char* bytes, int length,
+                                                    int version, int offset);
+
+  // Decode one counted list at `p`, move `p` behind it and lower `left`, the header bytes that
+  // remain. Return an array for the caller to own, null when the list is empty; `count` receives
+  // its length. Throw VQcomp_error, without positions, when the list runs beyond `left`.
+  static short* unpack_shorts(const unsigned char*& p, int& left, int& count);
+  static char** unpack_strings(const unsigned char*& p, int& left, int& count);
+
+ private:
+  using codec_function = bool (VQuncomp::*)(velk_trans_class&, typeaddr&, int&, unsigned&);
+  struct record_fields;
+  enum class outcome { transaction, end_of_records, incomplete };
+
+  // Readers of one record, at `head`: true with a transaction, false at the end marker. A record
+  // that is not whole leaves `head` beyond `tail` and changes nothing else.
+  bool codec_3_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool codec_3_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool codec_4_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool codec_4_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool codec_3_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool codec_4_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  codec_function choose_codec() const;
+
+  template <int AgentBytes, bool FourField>
+  bool get_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool get_record(record_fields& fields);
+  void enter_context(const record_fields& fields);
+  context* find_context(unsigned long long position);
+  void decode_agent_trans(velk_trans_class& trans, int& agent);
+  template <class Number>
+  Number get_number();
+
+  unsigned char* at(int position) const { return buffer.get() + position; }
+  void start_preamble();
+  void gather_preamble();
+  void finish_preamble();
+  void make_buffer(int bytes);
+  void take_input(int bytes);
+  void look_ahead();
+  outcome decode(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  void want_more();
+  [[noreturn]] void check_end();
+  [[noreturn]] void fail(const char* msg, long long byte) const;
+
+  context* current;             // of the latest record
+  context no_context;           // what `current` is before the first record
+  unsigned pending_repeat = 0;  // repeats of the latest record that are still to be delivered
+  long long record_number = 1;  // of the next transaction, 1-based
+  long long base = 0;           // file offset of buffer[0]; earlier, file bytes taken
+  long long known_count = -1;   // -1: the count stands in the trailer
+  int name_count = 0;           // codes must be below it
+  std::unique_ptr<unsigned char[]> buffer;  // the preamble, then record bytes, then guard bytes
+  int capacity = 0;                         // bytes of `buffer`, guard bytes not counted
+  int tail = 0;                             // end of the valid bytes in `buffer`
+  int head = 0;                             // next byte to decode
+  int limit = 0;                            // `tail` - `margin` at the latest refill
+  int margin;                  // bytes that must lie ahead to start a record before the end
+  long long record_start = 0;  // file offset of the record that is being decoded
+  const unsigned char* input = nullptr;  // the part of the last chunk not yet taken
+  int input_left = 0;
+  std::unique_ptr<PRUV_header_t> header;
+  bool finished = false;  // no more chunks will come
+  bool wide_agents = false;
+  bool agent_escape = false;
+  std::unique_ptr<checksum> crc;
+  std::unique_ptr<inslist<context>> contexts;
+  int version = 0;
+  int hdr_type = 0;
+  bool four_field = false;
+  bool compressed = false;
+  int header_left = 1;  // preamble bytes missing; 1 before the first chunk
+  codec_function codec = nullptr;
+};
+
+// velk_reader: transactions from a trace of either kind
+
+// Reads a stream that holds VELK text or a QUBIX file; the first byte tells which. Order of calls:
+// is_text(); pruv_header(), once; when needs_rewind() then holds, a new reader over the reopened
+// stream; read() until it returns false. Only VQcomp_error leaves a reader.
+class velk_reader {
+ public:
+  using name_parser = velk_trans_class (*)(const char* name);
+
+  // `file` is not owned and never closed; it must be able to push back one byte. `str2num` maps
+  // transaction names to codes and throws a bool for a name that it does not know; null takes
+  // velk_trans_str2num_type1.
+  velk_reader(FILE* file, name_parser str2num);
+  virtual ~velk_reader();
+  velk_reader(const velk_reader&) = delete;
+  velk_reader& operator=(const velk_reader&) = delete;
+
+  // The input's header, which belongs to the caller; for text a default one. With `want_count`, a
+  // total that the preamble does not tell is counted with length().
+  virtual PRUV_header_t* pruv_header(bool want_count);
+
+  // The number of transactions in the input. May consume the input, and then sets needs_rewind().
+  // Text is counted by lines, in pieces of at most 98 characters, and not parsed.
+  virtual unsigned long long length();
+
+  // Delivers the next transaction; false at the end of the input. `count` is 1 where the input
+  // gives none. Throws VQcomp_error: for text with the 1-based line number as `record`, for QUBIX
+  // what VQuncomp throws. Text lines: velk(5).
+  virtual bool read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count);
+  virtual bool read(velk_trans_class& trans, long long& addr, int& agent);
+
+  virtual FILE* fp() const { return file; }
+  // Whether the input is text. True also for a QUBIX input that has been read to its end.
+  virtual bool is_text() const { return !uncomp; }
+  virtual bool needs_rewind() const { return rewind_needed; }
+
+ private:
+  static constexpr int chunk_size = 1024;
+
+  bool read_line(velk_trans_class& trans, long long& addr, int& agent, unsigned& count);
+  void feed();
+  unsigned long long count_lines();
+  unsigned long long recorded_length();
+  unsigned long long trailing_length();
+  std::unique_ptr<PRUV_header_t> recorded_header();
+  void require_file() const;
+
+  std::unique_ptr<VQuncomp> uncomp;  // null for text, and behind the end of a QUBIX stream
+  FILE* file;
+  bool rewind_needed = false;
+  unsigned char chunk[chunk_size];  // the last piece of QUBIX input; the decoder points into it
+  int chunk_len = 0;                // bytes of it that the last read filled
+  name_parser str2num;
+  unsigned long long line_no = 0;  // text lines read or counted
+};

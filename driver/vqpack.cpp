@@ -1,0 +1,587 @@
+// vqpack, the command: converts between VELK text and QUBIX files, and between QUBIX file types.
+// Read from `main`, at the end, upwards.
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "coder/vqcomp.h"
+#include "fileio/xfopen.h"
+
+namespace {
+
+// Exit statuses: main returns one of these.
+constexpr int success = 0;
+constexpr int closed_failure = 1;  // the output is well formed and holds what came before the fault
+constexpr int failure = -1;
+
+const char* const long_help[] = {
+    "Vqpack is a tool to convert between text VELK/PRUV and QUBIX files,",
+    "and between QUBIX file types.  The command",
+    "",
+    "   vqpack [options] <infile> [<outfile>]",
+    "",
+    "converts <infile> (stdin if '-') to <outfile> (stdout if unspecified).",
+    "If input is in QUBIX format, then output is in text format, unless -v is",
+    "specified (see below).  If input is text, then output is in QUBIX form.",
+    "",
+    "Extensions .gz or .bz2 on <infile> and <outfile> cause gzip/bzip2 to be",
+    "done to input/output.  If output is in QUBIX format, doing gzip/bzip2 to",
+    "output on the fly is deprecated, as is output to stdout.  Doing either",
+    "may fail for some QUBIX types if file rewinding is needed.  Recommended",
+    "practice is output to file, with gzip/bzip2 in a later pass.",
+    "",
+    "Options may come before, after or between infile and outfile as long",
+    "as a switch name and its value are together.  Options are:",
+    "",
+    "-v #       Output QUBIX type #",
+    "-c         Use QUBIX compression on output (not valid with -v 0 or text)",
+    "-nc        Use raw binary on output (not valid with -v 1)",
+    "-b #       Begin: skip first # transactions of input",
+    "-e #       End: stop after first # transactions of input (incl. skip)",
+    "-m* #      Set metadata field to # (versions 2+); * one of acilrst:",
+    "           a=address length; c=cycles; i=instructions; l=line size;",
+    "           r=transactions (requests); s=cache size; t=threads",
+    "-p         Display input metadata on stderr",
+    "-t <text>  Append text to header comment (versions 4+)",
+    "-nt        Ignore any existing header comment",
+    "-s <file>  Get sensitivity data from <file>.  Each line of <file> has 7",
+    "           numbers separated by white space: config type, MLC size,",
+    "           LLC size, instructions, cycles, LLC refs, and LLC misses.",
+    "           Put this data in the header of the output (-v 2+ only).",
+    "           Sensitivity data in <infile> is ignored.",
+    "-S <file>  Like -s, but also include any sensitivity data in <infile>.",
+    "",
+    "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
+    "which the partial output was properly formed and closed, but may be bad."};
+
+// Prints a refusal, or the help when there is no message; returns `status`.
+int complain(const char* msg, int status) {
+  if (msg) {
+    std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
+  } else {
+    for (const char* const line : long_help) std::cerr << line << std::endl;
+  }
+  return status;
+}
+
+int refuse(const std::string& msg) { return complain(msg.c_str(), failure); }
+
+struct file_closer {
+  void operator()(FILE* file) const { xfclose(file); }
+};
+using stream = std::unique_ptr<FILE, file_closer>;
+
+// The columns of `compress_ok`: which way of coding the options ask for.
+enum compression_choice { choose_raw, choose_context, choose_default };
+
+// The header's `compression` for an output file type and a choice; -1: impossible.
+constexpr int compress_ok[6][3] = {{0, -1, 0}, {-1, 1, 1}, {0, 1, 1},
+                                   {0, 1, 1},  {0, 1, 1},  {0, 1, 1}};
+constexpr int last_version = 5;
+constexpr int first_version_with_header = 2;
+
+// What the command line asks for.
+struct run_settings {
+  const char* infile = nullptr;   // "-" or null: standard input
+  const char* outfile = nullptr;  // null: standard output
+  int version = -1;               // file type of the output; -1: not given
+  compression_choice compression = choose_default;
+  unsigned long long begin = 0;  // of the transactions to convert, 0-based
+  unsigned long long end = 0x3FFFFFFF80000000;
+  unsigned window = 65535;  // bytes
+  unsigned max_contexts = 16383;
+  bool quiet = false;
+  bool show_metadata = false;
+  bool drop_comment = false;
+  const char* comment = nullptr;  // to append
+  stream sensitivity;             // data to put into the header
+  bool merge_sensitivity = false;
+  PRUV_header_t metadata;        // values for the header's fields ...
+  PRUV_header_t metadata_given;  // ... those that are 1 here
+
+  bool from_stdin() const { return !infile || std::strcmp(infile, "-") == 0; }
+  // What goes into the header's `compression`; -1: impossible.
+  int compression_flag() const { return version == -1 ? 1 : compress_ok[version][compression]; }
+};
+
+// A number as options take it: hexadecimal after 0x, octal after 0, else decimal; at most 64 bits;
+// white space may follow, nothing may stand before it.
+std::optional<unsigned long long> parse_number(std::string_view text) {
+  text = text.substr(0, text.find_last_not_of(" \t\n\v\f\r") + 1);
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    base = 16;
+    text.remove_prefix(2);
+  } else if (text.starts_with('0')) {
+    base = 8;
+  }
+  unsigned long long value;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+// Sets the field that the second letter of an -m switch names; false if it names none.
+bool set_metadata(PRUV_header_t& header, char letter, unsigned long long value) {
+  switch (letter) {
+    case 'a':
+      header.address_length = unsigned(value);
+      return true;
+    case 'c':
+      header.cycle_count = static_cast<long long>(value);
+      return true;
+    case 'i':
+      header.inst_count = static_cast<long long>(value);
+      return true;
+    case 'l':
+      header.line_size = unsigned(value);
+      return true;
+    case 'r':
+      header.trans_count = static_cast<long long>(value);
+      return true;
+    case 's':
+      header.cache_size_kib = unsigned(value);
+      return true;
+    case 't':
+      header.threads = unsigned(value);
+      return true;
+    default:
+      return false;
+  }
+}
+
+constexpr std::string_view switches = "SstdvbeCm";  // that take a value
+constexpr std::string_view text_switches = "Sst";   // of them, those whose value is no number
+
+// Acts on one switch. `value` and `number` are its value, where it takes one. Returns the exit
+// status where the run ends here.
+std::optional<int> act_on_switch(const char* argument, const char* value, unsigned long long number,
+                                 run_settings& run) {
+  const char letter = argument[1];
+  const auto unknown = [](std::string name) { return refuse("-" + name + " unknown switch"); };
+  switch (letter) {
+    case 'v':
+      if (number > last_version) return refuse("Version (-v) must be 0 - 5\n");
+      run.version = int(number);
+      break;
+    case 'c':
+      run.compression = choose_context;
+      break;
+    case 'b':
+      run.begin = number;
+      break;
+    case 'e':
+      run.end = number;
+      break;
+    case 'd':
+      run.window = unsigned(number);
+      break;
+    case 'C':
+      run.max_contexts = unsigned(number);
+      break;
+    case 'p':
+      run.show_metadata = true;
+      break;
+    case 'q':
+      run.quiet = true;
+      break;
+    case 't':
+      run.comment = value;
+      break;
+    case 'm':
+      if (!set_metadata(run.metadata, argument[2], number))
+        return unknown(std::string(argument + 1, argument[2] ? 2 : 1));
+      set_metadata(run.metadata_given, argument[2], 1);
+      break;
+    case 'S':
+      run.merge_sensitivity = true;
+      [[fallthrough]];
+    case 's':
+      run.sensitivity.reset(std::fopen(value, "r"));
+      if (!run.sensitivity) return refuse("Can't read sensitivity file (-s/S)");
+      break;
+    case 'n':
+      switch (argument[2]) {
+        case 'c':
+          run.compression = choose_raw;
+          break;
+        case 'p':
+          run.show_metadata = false;
+          break;
+        case 'q':
+          run.quiet = false;
+          break;
+        case 't':
+          run.drop_comment = true;
+          run.comment = nullptr;
+          break;
+        default:
+          return unknown(std::string(argument + 1, argument[2] ? 2 : 1));
+      }
+      break;
+    case 'h':
+      return complain(nullptr, success);
+    default:
+      return unknown({letter});
+  }
+  return std::nullopt;
+}
+
+// Takes the arguments from left to right. Returns the exit status where the run ends here.
+std::optional<int> scan_arguments(int argc, char** argv, run_settings& run) {
+  for (int i = 1; i < argc; ++i) {
+    const char* const argument = argv[i];
+    if (argument[0] != '-') {
+      if (run.outfile) return refuse("Multiple outputs specified");
+      (run.infile ? run.outfile : run.infile) = argument;
+    } else if (argument[1] == '\0') {
+      if (run.infile) return refuse("Multiple inputs specified");
+      run.infile = argument;
+    } else {
+      const char letter = argument[1];
+      const char* value = nullptr;
+      unsigned long long number = 0;
+      if (switches.find(letter) != switches.npos) {
+        if (++i == argc) return refuse(std::string("-") + letter + " requires a value");
+        value = argv[i];
+        if (text_switches.find(letter) == text_switches.npos) {
+          const auto parsed = parse_number(value);
+          if (!parsed)
+            return refuse(std::string("-") + letter +
+                          " takes a non-negative number without spurious text");
+          number = *parsed;
+        }
+      }
+      if (const auto status = act_on_switch(argument, value, number, run)) return status;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
+  in.reset(run.from_stdin() ? stdin : xfopen(run.infile, "r"));
+  if (!in) return refuse("Can't open input file");
+  out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
+  if (!out) return refuse("Can't open output file");
+  // A compressor or command that ends early is a failed write; a closed standard output ends the
+  // program quietly.
+  if (out.get() != stdout) std::signal(SIGPIPE, SIG_IGN);
+  return std::nullopt;
+}
+
+std::optional<int> refuse_impossible(const run_settings& run, FILE* out) {
+  if (run.sensitivity && run.version < first_version_with_header)
+    return refuse(
+        "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX");
+  if (run.version >= first_version_with_header && out == stdout)
+    return refuse("Can't output version 2 or higher to stdout");
+  if (run.compression_flag() == -1)
+    return refuse("Selected compress and version options incompatible");
+  return std::nullopt;
+}
+
+// Metadata: what the options do to the header of the input before it becomes that of the output.
+
+[[noreturn]] void fail_at(const char* msg, long long record) {
+  throw VQcomp_error{msg, record, 0, false};
+}
+
+constexpr int most_points = 255;
+
+// Takes one line of a sensitivity file; `line_number` is 1-based.
+sensitivity_point_t parse_point(const char* line, long long line_number) {
+  sensitivity_point_t p;
+  char behind;
+  if (std::sscanf(line, "%u %u %u %u %u %u %u %c", &p.config_type, &p.mlc_size, &p.llc_size,
+                  &p.instructions, &p.cycles, &p.llc_refs, &p.llc_misses, &behind) != 7)
+    fail_at("Trouble parsing sensitivity file", line_number);
+  if (p.config_type > 255) fail_at("Sensitivity cfg class out of range", line_number);
+  if (p.mlc_size > 65535) fail_at("Sensitivity MLC size out of range", line_number);
+  return p;
+}
+
+bool conflict(const sensitivity_point_t& a, const sensitivity_point_t& b) {
+  return a.config_type == b.config_type && a.mlc_size == b.mlc_size && a.llc_size == b.llc_size;
+}
+
+// Refuses two points of the same configuration; the first `kept` came from the input.
+void refuse_conflicts(const sensitivity_point_t* points, int count, int kept) {
+  for (int j = 1; j < count; ++j)
+    for (int i = 0; i < j; ++i)
+      if (conflict(points[i], points[j])) {
+        if (j >= kept) fail_at("Conflict in new sensitivity data", j - kept + 1);
+        fail_at("Conflict in old sensitivity data", j + 1);
+      }
+}
+
+// Puts the points of `file` into the header, in place of those that it holds or (`merge`) behind
+// them.
+void set_sensitivity(PRUV_header_t& header, FILE* file, bool merge) {
+  const int kept = merge ? header.sensitivity_count : 0;
+  if (kept > most_points) fail_at("Old sensitivity curve size not 0-255", kept);
+  auto points = std::make_unique<sensitivity_point_t[]>(most_points + 1);
+  std::copy_n(header.sensitivity, kept, points.get());
+  int count = kept;
+  for (char line[1000]; std::fgets(line, sizeof line, file); ++count) {
+    const int line_number = count - kept + 1;
+    if (count == most_points) fail_at("Sensitivity file max is 255 data points", line_number);
+    points[unsigned(count)] = parse_point(line, line_number);
+  }
+  refuse_conflicts(points.get(), count, kept);
+  delete[] header.sensitivity;
+  header.sensitivity = count ? points.release() : nullptr;
+  header.sensitivity_count = count;
+}
+
+void set_given_metadata(PRUV_header_t& header, const PRUV_header_t& values,
+                        const PRUV_header_t& given) {
+  if (given.address_length) header.address_length = values.address_length;
+  if (given.cycle_count) header.cycle_count = values.cycle_count;
+  if (given.inst_count) header.inst_count = values.inst_count;
+  if (given.line_size) header.line_size = values.line_size;
+  if (given.trans_count) header.trans_count = values.trans_count;
+  if (given.cache_size_kib) header.cache_size_kib = values.cache_size_kib;
+  if (given.threads) header.threads = values.threads;
+}
+
+// An old comment is ended by a newline first, unless it is empty or ends with one.
+void append_comment(PRUV_header_t& header, const char* text) {
+  std::string comment = header.comment ? header.comment : "";
+  if (!comment.empty() && comment.back() != '\n') comment += '\n';
+  comment += text;
+  delete[] header.comment;
+  header.comment = new char[comment.size() + 1];
+  std::memcpy(header.comment, comment.c_str(), comment.size() + 1);
+}
+
+void drop_comment(PRUV_header_t& header) {
+  delete[] header.comment;
+  header.comment = nullptr;
+}
+
+void edit_header(PRUV_header_t& header, run_settings& run) {
+  if (run.sensitivity) set_sensitivity(header, run.sensitivity.get(), run.merge_sensitivity);
+  run.sensitivity.reset();
+  if (run.drop_comment) drop_comment(header);
+  set_given_metadata(header, run.metadata, run.metadata_given);
+  if (run.comment) append_comment(header, run.comment);
+}
+
+// Conversion: the transactions of one run, from the reader to the output.
+
+constexpr char cannot_write[] = "Can't write output";
+constexpr int block_size = 1024;
+constexpr long preamble_offset = 3;  // of the transaction count, or of the PRUV header
+constexpr int trailer_bytes = 4;
+
+[[noreturn]] void fail_to_write() { throw VQcomp_error{cannot_write, 0, 0, false}; }
+
+void write_bytes(FILE* out, const unsigned char* bytes, int size) {
+  if (std::fwrite(bytes, 1, std::size_t(size), out) != std::size_t(size)) fail_to_write();
+}
+
+// Whether the output can go back to its preamble. What was written before must not fail.
+bool seek_to_preamble(FILE* out) {
+  if (std::fflush(out) != 0) fail_to_write();
+  return std::fseek(out, preamble_offset, SEEK_SET) == 0;
+}
+
+struct transaction {
+  velk_trans_class trans;
+  long long addr;
+  int agent;
+  unsigned count;
+};
+
+// Hands the transactions with the 0-based positions [begin, end) to the compressor and writes the
+// blocks that it announces. All of the input is read. Returns the number recorded; an error of the
+// input, which ends the reading, goes to `input_error`.
+long long record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
+                          unsigned long long begin, unsigned long long end,
+                          std::optional<VQcomp_error>& input_error) {
+  const auto next = [&](transaction& t) {
+    try {
+      return reader.read(t.trans, t.addr, t.agent, t.count);
+    } catch (const VQcomp_error& error) {
+      input_error = error;
+      input_error->closed = true;
+      return false;
+    }
+  };
+  long long recorded = 0;
+  transaction t;
+  for (unsigned long long index = 0; next(t); ++index) {
+    if (index < begin || index >= end) continue;
+    ++recorded;
+    try {
+      compressor.record(t.trans, t.addr, t.agent, t.count);
+    } catch (const VQcomp_block& block) {
+      write_bytes(out, compressor.buffer.get(), int(block.bytes));
+      compressor.reset_buffer();
+    }
+  }
+  return recorded;
+}
+
+// Puts the true totals into the header at the start of the file, where they turned out different.
+void fix_header(FILE* out, PRUV_header_t& header, int hdr_len, long long recorded,
+                unsigned address_bits) {
+  const bool count_differs = header.trans_count != recorded;
+  if (!count_differs && header.address_length == address_bits) return;
+  if (!seek_to_preamble(out)) {
+    std::cerr << (count_differs ? "Need to change transaction count: output not seekable"
+                                : "Can't update address size: output not seekable")
+              << std::endl;
+    return;
+  }
+  header.trans_count = recorded;
+  header.address_length = address_bits;
+  int size;
+  const std::unique_ptr<unsigned char[]> bytes(VQcomp::pruv_header_struct_to_bytes(header, size));
+  if (size == hdr_len)
+    write_bytes(out, bytes.get(), size);
+  else
+    std::cerr << "UNEXPECTED: PRUV header adjustment changed header size - left unchanged"
+              << std::endl;
+}
+
+// Writes the end of the file. The count of file types 0 and 1 goes to its place in the preamble;
+// where the output cannot seek, it follows the checksum.
+void write_end(VQcomp& compressor, FILE* out, int size, int version) {
+  const bool has_trailer = version < first_version_with_header;
+  const int body = has_trailer ? size - trailer_bytes : size;
+  write_bytes(out, compressor.buffer.get(), body);
+  if (!has_trailer) return;
+  seek_to_preamble(out);
+  write_bytes(out, compressor.buffer.get() + body, trailer_bytes);
+}
+
+// Codes the selected transactions as a QUBIX file of type `version`. Takes the header's totals as a
+// first guess and changes them to what was written. Throws VQcomp_error: with `closed` set for an
+// error of the input, after which the output is complete; else the output is not.
+void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t* header,
+                     unsigned window, bool quiet, unsigned long long begin,
+                     unsigned long long end) {
+  VQcomp compressor(nullptr, version, header, block_size, window);
+  std::optional<VQcomp_error> input_error;
+  unsigned contexts, avg_distance, address_bits;
+  try {
+    const long long recorded = record_selected(*reader, compressor, out, begin, end, input_error);
+    const int size = compressor.finish(contexts, avg_distance, address_bits);
+    write_end(compressor, out, size, version);
+    if (version >= first_version_with_header)
+      fix_header(out, *header, compressor.hdr_len, recorded, address_bits);
+  } catch (const VQcomp_error&) {
+    compressor.aborted = true;
+    throw;
+  }
+  compressor.reset_buffer();
+  if (contexts != 0 && !quiet)
+    std::cerr << "QUBIX compressor used " << contexts << " contexts with average distance "
+              << avg_distance << std::endl;
+  if (input_error) throw *input_error;
+}
+
+// Prints the selected transactions as text, one a line in `format`. Throws VQcomp_error, with
+// `closed` set for an error of the input.
+void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
+                       unsigned long long begin, unsigned long long end, const char* format) {
+  transaction t;
+  const auto next = [&] {
+    try {
+      return reader->read(t.trans, t.addr, t.agent, t.count);
+    } catch (VQcomp_error& error) {
+      error.closed = true;
+      throw;
+    }
+  };
+  for (unsigned long long index = 0; next(); ++index) {
+    if (index < begin || index >= end) continue;
+    if (t.trans >= header->trans_name_count)
+      fail_at("Transaction number out of range", static_cast<long long>(index) + 1);
+    if (std::fprintf(out, format, header->trans_names[t.trans],
+                     static_cast<unsigned long long>(t.addr), unsigned(t.agent), t.count) < 0)
+      fail_to_write();
+  }
+}
+
+constexpr char three_fields[] = "%10s %08llX %x\n";
+constexpr char four_fields[] = "%10s %08llX %x %u\n";
+
+// Everything between the opening of the streams and their closing. Returns the exit status, or
+// throws VQcomp_error.
+int convert(run_settings& run, stream& in, FILE* out) {
+  auto reader = std::make_unique<velk_reader>(in.get(), nullptr);
+  const bool text_input = reader->is_text();
+  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(in.get() != stdin));
+  if (reader->needs_rewind()) {
+    reader.reset();
+    in.reset();
+    in.reset(xfopen(run.infile, "r"));
+    if (!in) return refuse("Can't reopen input");
+    reader = std::make_unique<velk_reader>(in.get(), nullptr);
+  }
+  if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
+
+  const int version = text_input && run.version == -1 ? 1 : run.version;
+  const bool counts_stored = header->version == 3 || header->version == 5;
+  header->compression = unsigned(run.compression_flag());
+  edit_header(*header, run);
+  if (version == -1) {
+    uncompress_stream(reader.get(), out, header.get(), run.begin, run.end,
+                      counts_stored ? four_fields : three_fields);
+  } else {
+    header->max_contexts = run.max_contexts;
+    compress_stream(reader.get(), out, version, header.get(), run.window, run.quiet, run.begin,
+                    run.end);
+  }
+  return success;
+}
+
+// Prints an error that ended the conversion; returns the exit status.
+int report(const VQcomp_error& error) {
+  std::cerr << error.str() << std::endl;
+  if (!error.closed) return failure;
+  std::cerr << std::endl
+            << "Error found on input, so the output was closed with what it already had."
+            << std::endl
+            << "Output is legal QUBIX or text VELK/PRUV file, but" << std::endl
+            << "it is unknown how much of the input is corrupt." << std::endl
+            << "The entire input, even at the start, could be bad." << std::endl
+            << "Therefore, the output could be garbage -- USE AT YOUR OWN RISK!" << std::endl;
+  return closed_failure;
+}
+
+// Closes both; a success or a well-formed output is one only when all of it was written.
+int close_streams(stream& in, stream& out, int status) {
+  in.reset();
+  if (xfclose(out.release()) == 0 || status == failure) return status;
+  std::cerr << cannot_write << std::endl;
+  return failure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
+  run_settings run;
+  stream in, out;
+  if (const auto status = scan_arguments(argc, argv, run)) return *status;
+  if (const auto status = open_streams(run, in, out)) return *status;
+  if (const auto status = refuse_impossible(run, out.get())) return *status;
+  int status;
+  try {
+    status = convert(run, in, out.get());
+  } catch (const VQcomp_error& error) {
+    status = report(error);
+  }
+  return close_streams(in, out, status);
+}

@@ -1,0 +1,173 @@
+#include "xfopen.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+extern char** environ;
+
+namespace {
+
+// A stream that a process stands behind.
+struct pfile {
+  FILE* fp;
+  pid_t process;
+  std::unique_ptr<pfile> next;
+};
+
+std::unique_ptr<pfile> pfiles;  // newest first
+
+// The place in `pfiles` that holds `fp`, or the end of the list.
+std::unique_ptr<pfile>& find_pfile(FILE* fp) {
+  std::unique_ptr<pfile>* pfp = &pfiles;
+  while (*pfp && (*pfp)->fp != fp) pfp = &(*pfp)->next;
+  return *pfp;
+}
+
+// A stream that is in the list was closed behind our back.
+FILE* checked_new([[maybe_unused]] FILE* fp) {
+  for ([[maybe_unused]] const std::unique_ptr<pfile>* pfp = &pfiles; *pfp; pfp = &(*pfp)->next)
+    assert((*pfp)->fp != fp);
+  return fp;
+}
+
+class descriptor {
+ public:
+  // Moved above the standard ones, which dup2 will overwrite in the child.
+  explicit descriptor(int fd) : fd_(fd) {
+    if (fd_ < 0 || fd_ > STDERR_FILENO) return;
+    fd_ = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+  }
+  ~descriptor() {
+    if (fd_ >= 0) close(fd_);
+  }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+  FILE* make_stream(const char* mode) {
+    FILE* const stream = fdopen(fd_, mode);
+    if (stream) fd_ = -1;
+    return stream;
+  }
+
+ private:
+  int fd_;
+};
+
+// Runs the program with `input` and `output` as its standard streams, those that are open. Returns
+// its process number, 0 on failure.
+pid_t spawn(const char* const argv[], const descriptor& input, const descriptor& output) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (input) posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
+  if (output) posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  pid_t process = 0;
+  if (posix_spawn(&process, argv[0], &actions, &attributes, const_cast<char**>(argv), environ) != 0)
+    process = 0;
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  return process;
+}
+
+// Opens a pipe from the program's standard output (`reading`) or to its standard input; `file`, if
+// open, is the other of the two.
+FILE* open_pipe(const char* const argv[], bool reading, const descriptor& file) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return nullptr;
+  descriptor read_end(ends[0]), write_end(ends[1]);
+  if (!read_end || !write_end) return nullptr;
+  const pid_t process = reading ? spawn(argv, file, write_end) : spawn(argv, read_end, file);
+  if (process == 0) return nullptr;
+  FILE* const fp = reading ? read_end.make_stream("r") : write_end.make_stream("w");
+  if (!fp) return nullptr;
+  pfiles = std::make_unique<pfile>(pfile{checked_new(fp), process, std::move(pfiles)});
+  return fp;
+}
+
+bool has(const char* mode, char letter) { return std::strchr(mode, letter) != nullptr; }
+
+FILE* open_command(const std::string& command, const char* mode) {
+  const char* const argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  return open_pipe(argv, has(mode, 'r'), descriptor(-1));
+}
+
+FILE* open_compressed(const char* program, const std::string& name, const char* mode) {
+  const bool reading = !has(mode, 'w') && has(mode, 'r');
+  int flags = O_RDONLY | O_CLOEXEC;
+  if (has(mode, 'w'))
+    flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  else if (!reading && has(mode, 'a'))
+    flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+  else if (!reading)
+    return nullptr;
+  const descriptor file(open(name.c_str(), flags, 0666));
+  if (!file) return nullptr;
+  const char* const argv[] = {program, reading ? "-d" : nullptr, nullptr};
+  return open_pipe(argv, reading, file);
+}
+
+constexpr char gzip[] = "/usr/bin/gzip";
+constexpr char bzip2[] = "/usr/bin/bzip2";
+
+bool can_read(const std::string& name) { return access(name.c_str(), R_OK) == 0; }
+
+// A name that is a suffix and nothing else is an ordinary name.
+bool has_suffix(std::string_view name, std::string_view suffix) {
+  return name.size() > suffix.size() && name.ends_with(suffix);
+}
+
+FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {
+  const bool reading = has(mode, 'r');
+  if (name.starts_with('|')) return open_command(name.substr(1), mode);
+  if (name.ends_with('|') && reading) return open_command(name.substr(0, name.size() - 1), "r");
+  if (name == "stdout" && has(mode, 'w')) return stdout;
+  if (name == "stderr" && has(mode, 'w')) return stderr;
+  if (name == "stdin" && reading) return stdin;
+  if (has_suffix(name, ".gz")) return open_compressed(gzip, name, mode);
+  if (has_suffix(name, ".bz2")) return open_compressed(bzip2, name, mode);
+  if (!reading || !try_others || can_read(name)) return checked_new(std::fopen(name.c_str(), mode));
+  if (can_read(name + ".gz")) return open_compressed(gzip, name + ".gz", mode);
+  if (can_read(name + ".bz2")) return open_compressed(bzip2, name + ".bz2", mode);
+  return nullptr;
+}
+
+int wait_for(pid_t process) {
+  int status;
+  while (waitpid(process, &status, 0) < 0)
+    if (errno != EINTR) return -1;
+  return status;
+}
+
+}  // namespace
+
+FILE* xfopen(const char* name, const char* mode) { return _xfopen(name, mode, true); }
+
+FILE* xfopen_simple(const char* name, const char* mode) { return _xfopen(name, mode, false); }
+
+int xfclose(FILE* stream) {
+  std::unique_ptr<pfile>& place = find_pfile(stream);
+  const pid_t process = place ? place->process : 0;
+  if (place) place = std::move(place->next);
+  const int closed = std::fclose(stream);
+  const int status = process ? wait_for(process) : 0;
+  return status ? status : closed;
+}
