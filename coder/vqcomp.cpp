@@ -662,7 +662,8 @@ void VQcomp::put_preamble(PRUV_header_t* header) {
     encoded.reset(pruv_header_struct_to_bytes(*header, hdr_len));
   }
   used = mark = preamble_offset + hdr_len;
-  buffer = std::make_unique<unsigned char[]>(std::size_t(std::max(block_size, used) + spare_bytes));
+  const int room = std::max(block_size, used) + spare_bytes;
+  buffer = std::make_unique<unsigned char[]>(std::size_t(room));
   std::copy(std::begin(magic), std::end(magic), buffer.get());
   *at(version_offset) = static_cast<unsigned char>(version);
   if (encoded)
@@ -836,7 +837,7 @@ void VQcomp::put_record(velk_trans_class trans, long long unit_addr, int agent, 
 // nothing: it is counted, and the count is put into the head byte of the record that it repeats.
 const char* VQcomp::codec_3_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned) {
   const long long unit_addr = to_units(addr, usual_unit);
-  long long prev;
+  long long prev = 0;
   const int position = cam_context(trans, unit_addr, agent, prev);
   const int shift = size_class(trans);
   if (position == 0 && is_aligned(unit_addr, shift) && (prev >> shift) + 1 == unit_addr >> shift) {
@@ -853,7 +854,7 @@ const char* VQcomp::codec_4_field_cmp(velk_trans_class trans, long long addr, in
                                       unsigned count) {
   crc->fold_le<4>(count);
   const long long unit_addr = to_units(addr, unit_with_count(trans));
-  long long prev;
+  long long prev = 0;
   const int position = cam_context(trans, unit_addr, agent, prev);
   put_record(trans, unit_addr, agent, position, prev);
   put_repeat(count);
@@ -984,7 +985,8 @@ void VQuncomp::check() const {
 // Gives `buffer` room for `bytes` and keeps what it holds. The guard bytes behind the room end any
 // number that damaged data lets run on.
 void VQuncomp::make_buffer(int bytes) {
-  auto made = std::make_unique<unsigned char[]>(std::size_t(bytes + guard_bytes));
+  const int room = bytes + guard_bytes;
+  auto made = std::make_unique<unsigned char[]>(std::size_t(room));
   std::copy_n(buffer.get(), tail, made.get());
   std::fill_n(made.get() + bytes, guard_bytes, stop_bit);
   buffer = std::move(made);

@@ -166,7 +166,9 @@ constexpr std::string_view text_switches = "Sst";   // of them, those whose valu
 std::optional<int> act_on_switch(const char* argument, const char* value, unsigned long long number,
                                  run_settings& run) {
   const char letter = argument[1];
-  const auto unknown = [](std::string name) { return refuse("-" + name + " unknown switch"); };
+  const auto unknown = [](const std::string& name) {
+    return refuse("-" + name + " unknown switch");
+  };
   switch (letter) {
     case 'v':
       if (number > last_version) return refuse("Version (-v) must be 0 - 5\n");
@@ -314,12 +316,14 @@ bool conflict(const sensitivity_point_t& a, const sensitivity_point_t& b) {
 
 // Refuses two points of the same configuration; the first `kept` came from the input.
 void refuse_conflicts(const sensitivity_point_t* points, int count, int kept) {
-  for (int j = 1; j < count; ++j)
-    for (int i = 0; i < j; ++i)
-      if (conflict(points[i], points[j])) {
-        if (j >= kept) fail_at("Conflict in new sensitivity data", j - kept + 1);
-        fail_at("Conflict in old sensitivity data", j + 1);
-      }
+  for (int j = 1; j < count; ++j) {
+    const auto same = [&](const sensitivity_point_t& earlier) {
+      return conflict(earlier, points[j]);
+    };
+    if (std::none_of(points, points + j, same)) continue;
+    if (j >= kept) fail_at("Conflict in new sensitivity data", j - kept + 1);
+    fail_at("Conflict in old sensitivity data", j + 1);
+  }
 }
 
 // Puts the points of `file` into the header, in place of those that it holds or (`merge`) behind
