@@ -1,48 +1,170 @@
 // The compressor's contexts in most-recently-used order.
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
-#include <utility>
+#include <cstdint>
 #include <vector>
 
+#include "recency_log.h"
 #include "vqcomp.h"
 
 // Keeps at most `max_contexts` contexts. One matches a transaction of the same type and agent whose
-// address lies less than `window` away; addresses and window are in the codec's address units.
+// address lies less than `window` away; addresses and window are in the codec's address units, from
+// 0 to 2^61. Agents have at most 16 bits.
+//
+// The plain form walks an array in list order up to the first match. Here the front is looked at
+// first. Others are found through a hash table of type, agent and region of the address, where a
+// region is a power of two at least twice as long as the window: what matches an address lies in
+// its region or in the neighbour that is nearer to it. The entries of each chain of the table are
+// in list order, so that the first match of a chain is its newest, and the newer of two such
+// matches is the first in list order. Its position comes from a recency_log.
+//
+// Matching contexts may drift together, and a trace made for it can gather all of them at one edge
+// of a region, just out of reach; walking that chain then costs what the plain walk costs.
 class context_list {
  public:
   context_list(unsigned max_contexts, long long window)
-      : max_contexts_(max_contexts), window_(window) {}
+      : max_contexts_(max_contexts), window_(window), region_bits_(region_bits(window)) {
+    entries_.push_back({0, no_key, 0, none, none, oldest});
+    rehash();
+  }
 
   // Finds the first context in list order that `wanted` matches, moves it to the front, gives it
   // the wanted address and stores the one that it had in `prev`. Returns its 0-based position
   // before the move. When none matches, puts `wanted` at the front, drops the last context if there
   // are too many, and returns -1.
-  //
-  // The walk carries each context one place down as it passes, so that the list is in its new order
-  // where the walk ends.
   int touch(const VQcomp::context& wanted, long long& prev) {
-    VQcomp::context carried = wanted;
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-      std::swap(carried, entries_[i]);
-      if (matches(carried, wanted)) {
-        prev = carried.addr;
-        return int(i);
-      }
+    const std::uint32_t key = std::uint32_t(wanted.agent) << 8 | wanted.trans;
+    if (matches(entries_[front_], key, wanted.addr)) {
+      prev = entries_[front_].addr;
+      set_addr(front_, wanted.addr);
+      return 0;
     }
-    if (entries_.size() < max_contexts_) entries_.push_back(carried);
-    return -1;
+    const std::uint32_t found = find(key, wanted.addr);
+    if (found == none) {
+      insert(key, wanted.addr);
+      return -1;
+    }
+    prev = entries_[found].addr;
+    const unsigned position = order_.position(entries_[found].slot);
+    set_addr(found, wanted.addr);
+    order_.move_to_front(entries_[found].slot, note_slot{entries_});
+    front_ = found;
+    return int(position);
   }
 
-  std::size_t size() const { return entries_.size(); }
+  std::size_t size() const { return order_.size(); }
 
  private:
-  bool matches(const VQcomp::context& entry, const VQcomp::context& wanted) const {
-    return entry.trans == wanted.trans && entry.agent == wanted.agent &&
-           entry.addr - window_ < wanted.addr && wanted.addr < entry.addr + window_;
+  static constexpr std::uint32_t none = 0;  // the entry that ends every chain
+  static constexpr std::uint32_t no_key = ~0u;
+  static constexpr unsigned oldest = ~0u;  // the slot of that entry
+
+  struct entry {
+    long long addr;
+    std::uint32_t key;    // agent and type
+    std::uint32_t chain;  // index into `chains_`
+    std::uint32_t newer;  // neighbours in the chain, or `none`
+    std::uint32_t older;
+    unsigned slot;  // in `order_`: the lower, the newer
+  };
+
+  static int region_bits(long long window) {
+    return window < 1 ? 1 : std::min(62, int(std::bit_width(std::uint64_t(window))) + 1);
   }
 
-  std::vector<VQcomp::context> entries_;  // front first
-  std::size_t max_contexts_;
+  long long region_of(long long addr) const { return addr >> region_bits_; }
+
+  bool matches(const entry& e, std::uint32_t key, long long addr) const {
+    return (e.key == key) & (e.addr - window_ < addr) & (addr < e.addr + window_);
+  }
+
+  std::uint32_t chain_of(std::uint32_t key, long long region) const {
+    constexpr std::uint64_t golden = 0x9E3779B97F4A7C15;
+    return std::uint32_t((std::uint64_t(region) + key * golden) * golden >> chain_shift_);
+  }
+
+  // The newest match in a chain that is newer than `slot`, or `none`.
+  std::uint32_t first_match(std::uint32_t chain, std::uint32_t key, long long addr,
+                            unsigned slot) const {
+    std::uint32_t id = chains_[chain];
+    while ((entries_[id].slot < slot) & !matches(entries_[id], key, addr)) id = entries_[id].older;
+    return entries_[id].slot < slot ? id : none;
+  }
+
+  std::uint32_t find(std::uint32_t key, long long addr) const {
+    const long long region = region_of(addr);
+    const long long neighbour = addr >> (region_bits_ - 1) & 1 ? region + 1 : region - 1;
+    const std::uint32_t here = first_match(chain_of(key, region), key, addr, oldest);
+    const std::uint32_t beside =
+        first_match(chain_of(key, neighbour), key, addr, entries_[here].slot);
+    return beside == none ? here : beside;
+  }
+
+  // Takes note of the slots that `order_` gives.
+  struct note_slot {
+    std::vector<entry>& entries;
+    void operator()(std::uint32_t id, unsigned slot) const { entries[id].slot = slot; }
+  };
+
+  // Gives a context that is to be the newest its address, and its place in the table.
+  void set_addr(std::uint32_t id, long long addr) {
+    entry& e = entries_[id];
+    const bool stays = region_of(addr) == region_of(e.addr);
+    e.addr = addr;
+    if (stays && e.newer == none) return;
+    unlink(id);
+    link(id);
+  }
+
+  void insert(std::uint32_t key, long long addr) {
+    if (max_contexts_ == 0) return;
+    if (order_.size() < max_contexts_) {
+      if (entries_.size() > chains_.size() / 2) rehash();
+      front_ = std::uint32_t(entries_.size());
+      entries_.emplace_back();
+    } else {
+      front_ = order_.id(order_.back());
+      unlink(front_);
+      order_.erase(entries_[front_].slot);
+    }
+    entries_[front_].addr = addr;
+    entries_[front_].key = key;
+    link(front_);
+    order_.push(front_, note_slot{entries_});
+  }
+
+  void link(std::uint32_t id) {
+    entry& e = entries_[id];
+    e.chain = chain_of(e.key, region_of(e.addr));
+    e.newer = none;
+    e.older = chains_[e.chain];
+    entries_[e.older].newer = id;  // `none` takes any
+    chains_[e.chain] = id;
+  }
+
+  void unlink(std::uint32_t id) {
+    const entry& e = entries_[id];
+    (e.newer == none ? chains_[e.chain] : entries_[e.newer].older) = e.older;
+    entries_[e.older].newer = e.newer;
+  }
+
+  // Makes four times as many chains, and links the contexts again, oldest first.
+  void rehash() {
+    chain_shift_ -= 2;
+    chains_.assign(std::size_t{1} << (64 - chain_shift_), none);
+    for (unsigned position = order_.size(); position-- > 0;)
+      link(order_.id(order_.slot_at(position)));
+  }
+
+  unsigned max_contexts_;
   long long window_;
+  int region_bits_;
+  int chain_shift_ = 64 - 6;  // rehash() makes it 64 less the bits of a chain number
+  std::uint32_t front_ = none;
+  recency_log order_;
+  std::vector<entry> entries_;         // by id
+  std::vector<std::uint32_t> chains_;  // ids of the newest in each
 };

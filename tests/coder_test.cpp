@@ -1,0 +1,430 @@
+// Transactions to QUBIX files and back: the bytes, whole files, damaged files, errors.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "support.h"
+
+namespace {
+
+bytes operator+(bytes a, const bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+bytes preamble(coding c) {
+  bytes file = encode({}, c);
+  file.resize(preamble_size(c));
+  if (c.version < 2) std::fill(file.begin() + 3, file.end(), 0);
+  return file;
+}
+
+constexpr coding raw0{0, false}, raw2{2, false}, raw3{3, false}, raw4{4, false}, raw5{5, false};
+constexpr coding context1{1, true}, context2{2, true}, context3{3, true}, context4{4, true};
+
+// "code address agent count, ...", the address in hexadecimal; agents are 0 and counts 1 where
+// they are left out.
+trace trace_of(const std::string& text) {
+  std::istringstream from(text);
+  trace result;
+  for (std::string item; std::getline(from, item, ',');) {
+    int trans = 0;
+    transaction t{};
+    std::sscanf(item.c_str(), "%d %llx %d %u", &trans,
+                reinterpret_cast<unsigned long long*>(&t.addr), &t.agent, &t.count);
+    t.trans = static_cast<velk_trans_class>(trans);
+    result.push_back(t);
+  }
+  return result;
+}
+
+// A run of `size` 64-byte lines.
+std::string lines(int size) {
+  std::ostringstream text;
+  for (int i = 0; i < size; ++i) text << "28 " << std::hex << 0x1000 + 64 * i << ',';
+  return text.str();
+}
+
+// The agents 1 to `size` at address 0, then agent 1 again one unit further.
+std::string return_to_first(int size) {
+  std::string text;
+  for (int agent = 1; agent <= size; ++agent) text += "0 0 " + std::to_string(agent) + ',';
+  return text + "0 8 1";
+}
+std::string new_agents(int size) {
+  std::ostringstream records;
+  for (int agent = 1; agent <= size; ++agent) records << "30 80 80 00 " << std::hex << agent << ' ';
+  return records.str();
+}
+
+TEST(Coder, BytesOfRecords) {
+  const std::string unit = " 30 80 80 ", line = " 30 80 A0 9C ";  // new contexts at 0 and 1000
+  const struct {
+    const char* what;
+    coding c;
+    std::string transactions, records;
+    unsigned max_contexts = 0;
+  } rows[] = {
+      {"raw", raw0, "28 1000 3", "1C 03 00 10 00 00 00 00 00 00"},
+      {"negative address", raw2, "0 -8 255", "00 FF F8 FF FF FF FF FF FF FF"},
+      {"count", raw3, "28 1000 3 5", "1C 03 00 10 00 00 00 00 00 00 05 00 00 00"},
+      {"wide agent", raw4, "28 1000 258", "1C 02 01 00 10 00 00 00 00 00 00"},
+      {"both", raw5, "0 0 258 4294967294", "00 02 01 00 00 00 00 00 00 00 00 FE FF FF FF"},
+      {"a run, another type, the run again", context1,
+       "28 1000, 28 1040, 28 1080, 29 1000, 28 10C0", "B0 80 A0 9C 30 80 A0 9D 11"},
+      {"repeated once", context1, lines(2), "70 80 A0 9C"},
+      {"repeated 3 times", context1, lines(4), "F0 80 A0 9C 81"},
+      {"repeated 130 times", context2, lines(131), "F0 80 A0 9C 00 81"},
+      {"counts", context3, "4 2008 1 5, 4 2010 1 1, 4 2018 1 0, 4 2018 1 2",
+       "F1 80 C0 04 01 83 41 01 80"},
+      {"long deltas", context1, "4 100, 4 180, 4 100", "30 80 82 84 08 90 08 F0"},
+      {"7 and 8 lines", context4, "28 1000, 28 11C0, 28 13C0, 28 1200, 28 1000",
+       line + "07 08 40 80 09 08 C0"},
+      {"within a line, then the next", context1, "28 1000, 28 1008, 28 1040", line + "48 81"},
+      {"128-byte lines", context3, "36 1000, 36 1080", "70 80 A0 A4 41"},
+      {"position 3", context1, return_to_first(4), new_agents(4) + "31 81"},
+      {"position 130", context1, return_to_first(131), new_agents(131) + "31 00 81"},
+      {"agents around the escape", context4, "5 0 254, 5 0 255, 5 0 3, 5 0 0, 5 0 300",
+       unit + "05 FE" + unit + "05 FF 7F 81" + unit + "05 83" + unit + "85" + unit + "05 2C 82"},
+      {"no escape", context2, "5 0 255, 5 0 3", unit + "05 FF" + unit + "05 03"},
+      {"deferred reply", context1, "48 12345678", "30 80 00 50 81 B0"},
+      {"deferred reply with a count", context3, "47 12345678", "74 80 83 AF"},
+      {"window's edge", context1, "0 0, 0 FFF0, 0 1FFE8", unit + "80 08 7E BF 3D 80 7F 87 80"},
+      {"one context", context1, "0 0, 1 0, 0 0", unit + "80" + unit + "81" + unit + "80", 1},
+      {"negative address", context1, "4 -8", "3F 80 7F 7F 7F 7F 7F 7F 7F 7F 81 84"},
+  };
+  for (const auto& row : rows) {
+    const bytes file =
+        encode(trace_of(row.transactions), row.c, {.max_contexts = row.max_contexts});
+    ASSERT_GE(file.size(), preamble_size(row.c) + end_size(row.c)) << row.what;
+    EXPECT_EQ(bytes(file.begin() + std::ptrdiff_t(preamble_size(row.c)),
+                    file.end() - std::ptrdiff_t(end_size(row.c))),
+              from_hex(row.records))
+        << row.what;
+  }
+}
+
+TEST(Coder, BytesAroundTheRecords) {
+  EXPECT_EQ(encode({}, raw0), from_hex("51 55 00 FF FF FF FF FF 00 00 00 00 00 00 00 00"));
+  EXPECT_EQ(encode({}, context1),
+            from_hex("51 55 01 FF FF FF FF 30 00 80 00 00 00 00 00 00 00 00"));
+  for (const coding c : all_codings) {
+    const transaction t{28, 0x0123456789ABCD00, c.wide_agents() ? 0x102 : 2,
+                        c.four_field() ? 9u : 1u};
+    bytes image = from_hex("1C 02 00 CD AB 89 67 45 23 01 09 00 00 00");
+    if (!c.four_field()) image.resize(10);
+    if (c.wide_agents()) image.insert(image.begin() + 2, 1);
+    const unsigned crc = plain_checksum(image, true);
+    bytes end = from_hex(c.compressed ? "30 00 80" : "FF");
+    for (int shift = 24; shift >= 0; shift -= 8)
+      end.push_back(static_cast<unsigned char>(crc >> shift));
+    if (c.version < 2) end = end + from_hex("01 00 00 00");
+    const bytes file = encode({t}, c);
+    EXPECT_EQ(bytes(file.end() - std::ptrdiff_t(end_size(c)), file.end()), end) << c;
+  }
+}
+
+TEST(Coder, RandomTracesComeBack) {
+  const coder_limits limits[] = {{},
+                                 {.max_contexts = 1},
+                                 {.max_contexts = 3},
+                                 {.max_contexts = 64, .block_size = 1024},
+                                 {.window = 8},
+                                 {.window = 1000, .max_contexts = 200},
+                                 {.window = 1LL << 60, .block_size = 65536}};
+  for (const coding c : all_codings)
+    for (const coder_limits& limit : limits) {
+      const trace transactions = random_trace(unsigned(limit.window), 2500, c);
+      const decoded read = decode(encode(transactions, c, limit));
+      EXPECT_EQ(read.error, "") << c;
+      EXPECT_TRUE(read.transactions == transactions) << c << " window " << limit.window;
+    }
+}
+
+TEST(Coder, ChunksDoNotMatter) {
+  std::mt19937 random(5);
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(3, 60, c);
+    const bytes file = encode(transactions, c);
+    for (int cut = 5; cut < int(file.size()); ++cut) {
+      int next = cut;
+      const decoded read = decode(file, [&] { return std::exchange(next, 65536); });
+      ASSERT_TRUE(read.transactions == transactions && read.error.empty())
+          << c << " cut at " << cut;
+    }
+    for (int round = 0; round < 20; ++round) {
+      const unsigned longest = 1u << random() % 8;
+      const decoded read = decode(file, [&, first = true]() mutable {
+        return std::exchange(first, false) ? 5 : int(1 + random() % longest);
+      });
+      ASSERT_TRUE(read.transactions == transactions && read.error.empty()) << c << read.error;
+    }
+  }
+}
+
+bool is_prefix(const trace& part, const trace& whole) {
+  return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
+}
+
+TEST(Coder, EveryTruncationIsNoticed) {
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(8, 40, c);
+    const bytes file = encode(transactions, c);
+    for (auto end = file.begin(); end != file.end(); ++end)
+      for (const int chunk : {1024, 7}) {
+        const decoded read = decode(bytes(file.begin(), end), [=] { return chunk; });
+        ASSERT_TRUE(read.error.starts_with("Input ends early") ||
+                    read.error.starts_with("QUBIX file ends prematurely") ||
+                    read.error.starts_with("Not enough in first block for header"))
+            << c << " of " << end - file.begin() << " bytes: " << read.error;
+        ASSERT_TRUE(is_prefix(read.transactions, transactions))
+            << c << " of " << end - file.begin();
+      }
+  }
+}
+
+// The checksum covers 16 bits of an agent, of which damaged data can hold 32.
+trace with_short_agents(trace transactions) {
+  for (transaction& t : transactions) t.agent &= 0xFFFF;
+  return transactions;
+}
+
+TEST(Coder, EveryChangedByteIsNoticedOrHarmless) {
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(8, 40, c);
+    bytes file = encode(transactions, c);
+    for (unsigned char& byte : file)
+      for (const int change : {0x01, 0x10, 0x80, 0xFF}) {
+        byte = static_cast<unsigned char>(byte ^ change);
+        const decoded read = decode(file);
+        EXPECT_TRUE(!read.error.empty() || with_short_agents(read.transactions) == transactions)
+            << c << " byte " << &byte - file.data() << " changed by " << change;
+        byte = static_cast<unsigned char>(byte ^ change);
+      }
+  }
+}
+
+TEST(Coder, DamagedRecords) {
+  const char *const position = "Context number too high",
+                    *const type = "Transaction number out of range",
+                    *const extra = "Extra data follows good checksum -- file is bad?",
+                    *const early = "Input ends early";
+  const struct {
+    const char* what;
+    coding c;
+    const char* records;
+    const char* msg;  // null: none
+    long long record, byte;
+  } rows[] = {
+      {"position 1 before any context", context1, "11", position, 1, 7},
+      {"position 0 before any context", context1, "00", type, 1, 7},
+      {"position 3 of one context", context1, "30 80 80 80 30 81", position, 2, 11},
+      {"a wrapping position", context1, "30 80 80 80 30 7E 7F 7F 7F 8F", position, 2, 11},
+      {"the highest number", context1, "30 80 80 80 30 7F 7F 7F 7F 8F", position, 2, 11},
+      {"type 68 of a context", context1, "30 80 80 C4", type, 1, 7},
+      {"a type beyond the line sizes", context1, "B0 80 80 FF", type, 1, 7},
+      {"raw type 68", raw0, "44 00 00 00 00 00 00 00 00 00", type, 1, 7},
+      {"a zero of three bytes ends the records", context1, "30 00 00 80 00 00 00 00", nullptr, 0,
+       0},
+      {"wrong checksum", context1, "30 00 80 00 00 00 01", "Bad checksum", 1, 14},
+      {"half a checksum", raw0, "FF 00 00", "QUBIX file ends prematurely", 1, 7},
+      {"a byte too many", raw0, "FF 00 00 00 00 00", extra, 1, 12},
+      {"many", raw0, "FF 0 0 0 0 1 2 3 4 5 6 7 8 9 1 2 3 4 5 6 7 8 9 1 2 3", extra, 1, 12},
+      {"no records", raw0, "", early, 1, 7},
+      {"half a record", raw0, "1C 00 00 00 00 00 00 00 00", early, 1, 16},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(decode(preamble(row.c) + from_hex(row.records)).error,
+              (VQcomp_error{row.msg, row.record, row.byte, false}.str()))
+        << row.what;
+}
+
+// Numbers may be written with any number of needless groups, over any number of chunks.
+TEST(Coder, OverlongNumbers) {
+  const struct {
+    coding c;
+    const char* transactions;
+    std::ptrdiff_t behind;  // bytes behind the number
+    std::ptrdiff_t size;    // of it
+    bytes first, last;      // in its place, with any number of `needless` in between
+    unsigned char needless;
+  } rows[] = {{context1, "4 180, 4 100", 11, 1, {0x70}, {0xFF}, 0x7F},
+              {context4, "4 180 255", 7, 2, {0x7F, 0x01}, {0x80}, 0}};
+  for (const auto& row : rows)
+    for (const std::size_t groups : {5u, 12u, 1000u, 1040u, 5000u})
+      for (const int chunk : {5, 1024}) {
+        const trace transactions = trace_of(row.transactions);
+        const bytes file = encode(transactions, row.c);
+        const bytes start = bytes(file.begin(), file.end() - row.behind - row.size) + row.first +
+                            bytes(groups, row.needless);
+        const auto next = [=] { return chunk; };
+        const decoded read =
+            decode(start + row.last + bytes(file.end() - row.behind, file.end()), next);
+        EXPECT_EQ(read.error, "") << groups;
+        EXPECT_TRUE(read.transactions == transactions) << groups;
+        EXPECT_TRUE(decode(start, next).error.starts_with("Input ends early")) << groups;
+      }
+  EXPECT_EQ(decode(preamble(context1) + bytes(40u << 20, 0x3F), [] { return 1 << 20; }).error,
+            "Record too long, at record 1, byte 7");
+}
+
+TEST(Coder, StoredCounts) {
+  const struct {
+    std::size_t behind;  // where it stands: in the preamble, or behind the checksum
+    unsigned char count;
+    const char* error;
+  } rows[] = {{3, 2, "Bad transaction count, at record 4, byte 42"},
+              {3, 3, ""},
+              {3, 0, ""},
+              {42, 2, "Bad transaction count, at record 4, byte 46"},
+              {42, 3, ""}};
+  for (const auto& row : rows) {
+    bytes file = encode(trace_of("1 8, 2 8, 3 8"), raw0);
+    if (row.behind == 3) {
+      file.resize(42);
+      std::fill(file.begin() + 3, file.begin() + 7, 0);
+    }
+    file[row.behind] = row.count;
+    EXPECT_EQ(decode(file).error, row.error) << int(row.count);
+  }
+}
+
+TEST(Coder, NamesOfTheHeaderLimitTheTypes) {
+  PRUV_header_t header;
+  header.version = 2;
+  header.trans_name_count = 3;
+  header.trans_names = VQcomp::FSB_transactions;
+  int size;
+  const std::unique_ptr<unsigned char[]> encoded(VQcomp::pruv_header_struct_to_bytes(header, size));
+  const decoded read = decode(from_hex("51 55 02") + bytes(encoded.get(), encoded.get() + size) +
+                              from_hex("02 0 0 0 0 0 0 0 0 0 03 0 0 0 0 0 0 0 0 0"));
+  EXPECT_EQ(read.transactions.size(), 1u);
+  EXPECT_TRUE(read.error.starts_with("Transaction number out of range, at record 2")) << read.error;
+}
+
+TEST(Coder, ChunksOutOfTurn) {
+  const char* const short_preamble = "51 55 00 00 00";
+  const struct {
+    std::vector<const char*> chunks;
+    const char* error;
+  } rows[] = {
+      {{"51 56 00 00 00"}, "No magic number; is this a QUBIX?"},
+      {{"51 55 06 00 00"}, "Input has bad version (must be 0-5), at byte 2"},
+      {{"51 55 00 00"}, "Not enough in first block for header"},
+      {{"51 55 02 1D 00"}, "QUBIX file ends prematurely, at byte 32"},
+      {{short_preamble, ""}, "QUBIX file ends prematurely, at record 1, byte 5"},
+      {{short_preamble, "0 0 0", "0"}, "Previous block hasn't been finished, at record 1, byte 7"},
+      {{short_preamble, "0 0", "", ""}, "Input has already been finished, at record 1, byte 7"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(error_of([&] {
+                VQuncomp decoder;
+                for (const char* const text : row.chunks) {
+                  const bytes chunk = from_hex(text);
+                  decoder.put(chunk.data(), int(chunk.size()));
+                }
+              }),
+              row.error);
+}
+
+TEST(Coder, RefusedTransactions) {
+  const std::string type = "Transaction out of range", address = "Lowest 3 bits of address not 0",
+                    agent = "Agent ID too big for this version";
+  const struct {
+    int first_version, last_version;
+    transaction t;
+    std::string error;
+  } rows[] = {{0, 5, {67, 8, 255}, ""},   {0, 5, {68, 1, -1}, type}, {0, 5, {0, 4, -1}, address},
+              {0, 3, {0, 8, 256}, agent}, {4, 5, {0, 8, 65535}, ""}, {4, 5, {0, 8, 65536}, agent},
+              {0, 5, {0, 8, -1}, agent},  {0, 5, {47, 7, 0}, ""}};
+  for (const auto& row : rows)
+    for (const coding c : all_codings) {
+      if (c.version < row.first_version || c.version > row.last_version) continue;
+      EXPECT_EQ(error_of([&] {
+                  encode({{0, 0, 0}, row.t}, c);
+                }),
+                row.error.empty() ? "no error" : row.error + ", at record 2")
+          << c << " type " << int(row.t.trans) << " agent " << row.t.agent;
+    }
+}
+
+TEST(Coder, RefusedSettings) {
+  PRUV_header_t header;
+  const auto make = [&](int version, PRUV_header_t* h, int size) {
+    return error_of([&] {
+      VQcomp coder(nullptr, version, h, size, 0);
+      coder.aborted = true;
+    });
+  };
+  for (const int size : {84, 65536}) EXPECT_EQ(make(0, nullptr, size), "no error");
+  for (const int size : {83, 65537})
+    EXPECT_EQ(make(0, nullptr, size), "Size too large or too small");
+  for (const int version : {-1, 6})
+    EXPECT_EQ(make(version, &header, 84), "Illegal version number (must be 0-5)");
+  EXPECT_EQ(make(2, nullptr, 84), "Versions 2 and higher require PRUV header");
+}
+
+TEST(Coder, WhatFinishTells) {
+  const struct {
+    const char* what;
+    const char* transactions;
+    unsigned contexts, distance, bits;
+  } rows[] = {{"nothing", "", 0, 0, 8},
+              {"8 bits at least", "0 78", 1, 0, 8},
+              {"a bit more", "0 100, 0 200", 1, 0, 10},
+              {"negative addresses do not count", "0 -8", 1, 0, 8},
+              {"nor deferred replies", "47 FF0000", 1, 0, 8},
+              {"the highest", "0 4000000000000000, 0 8", 2, 0, 63},
+              {"half a place is rounded up", "0 0, 0 0 1, 0 0, 0 0 1", 2, 1, 8},
+              {"a third is rounded down", "0 0, 0 0 1, 0 0", 2, 0, 8}};
+  for (const auto& row : rows) {
+    VQcomp coder(nullptr, 1, nullptr, 1024, 65535);
+    for (const transaction& t : trace_of(row.transactions))
+      coder.record(t.trans, t.addr, t.agent, t.count);
+    unsigned contexts, distance, bits;
+    coder.finish(contexts, distance, bits);
+    coder.reset_buffer();
+    EXPECT_EQ(contexts, row.contexts) << row.what;
+    EXPECT_EQ(distance, row.distance) << row.what;
+    EXPECT_EQ(bits, row.bits) << row.what;
+  }
+}
+
+TEST(Coder, AStreamGetsTheBytesOfTheBlocks) {
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(2, 500, c);
+    char* written = nullptr;
+    std::size_t size = 0;
+    FILE* const out = open_memstream(&written, &size);
+    {
+      PRUV_header_t header;
+      header.compression = c.compressed;
+      header.trans_count = static_cast<long long>(transactions.size());
+      VQcomp coder(out, c.version, &header, 84, 65535);
+      for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
+      unsigned contexts, distance, bits;
+      coder.finish(contexts, distance, bits);
+    }
+    std::fclose(out);
+    EXPECT_TRUE(bytes(written, written + size) == encode(transactions, c)) << c;
+    std::free(written);
+  }
+}
+
+TEST(Coder, DestroyingACompressorThatHoldsBytes) {
+  const auto record_one = [](bool aborted) {
+    VQcomp coder(nullptr, 1, nullptr, 84, 65535);
+    coder.record(0, 0, 0, 1);
+    coder.aborted = aborted;
+  };
+  EXPECT_EQ(error_of([&] { record_one(false); }),
+            "Compressor killed with output remaining, at record 1");
+  EXPECT_EQ(error_of([&] { record_one(true); }), "no error");
+  const auto unwind = [] {
+    VQcomp coder(nullptr, 1, nullptr, 84, 65535);
+    throw std::runtime_error("another");
+  };
+  EXPECT_THROW(unwind(), std::runtime_error);
+}
+
+}  // namespace

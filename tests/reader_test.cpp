@@ -1,0 +1,255 @@
+// The reader: lines of text, and how much a trace holds.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support.h"
+
+namespace {
+
+struct file_closer {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// A file that can seek, at its start.
+file_ptr file_of(const std::string& text) {
+  file_ptr file(std::tmpfile());
+  std::fwrite(text.data(), 1, text.size(), file.get());
+  std::rewind(file.get());
+  return file;
+}
+
+// A pipe's reading end, with all of the text (at most 64 KiB) inside.
+file_ptr pipe_of(const std::string& text) {
+  int ends[2];
+  if (pipe(ends) != 0 || write(ends[1], text.data(), text.size()) != ssize_t(text.size()))
+    return {};
+  close(ends[1]);
+  return file_ptr(fdopen(ends[0], "r"));
+}
+
+std::string text_of(const bytes& data) { return std::string(data.begin(), data.end()); }
+
+// What reading a text to its end or first error gives: "code address agent count" a transaction,
+// then the error.
+std::string read_all(const std::string& text) {
+  const file_ptr file = file_of(text);
+  velk_reader reader(file.get(), nullptr);
+  std::ostringstream result;
+  const std::string error = error_of([&] {
+    transaction t;
+    while (reader.read(t.trans, t.addr, t.agent, t.count))
+      result << std::hex << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count
+             << '|';
+    for (int again = 0; again < 2; ++again)
+      if (reader.read(t.trans, t.addr, t.agent)) result << "more";
+  });
+  return error == "no error" ? result.str() : result.str() + error;
+}
+
+TEST(Reader, Lines) {
+  using namespace std::string_literals;
+  const std::string bad = "Bad input line, at record 1",
+                    unknown = "Unknown transaction, at record 1",
+                    third = "Bad input line, at record 3", blanks(90, ' ');
+  const struct {
+    const char* what;
+    std::string text, result;
+  } rows[] = {
+      {"nothing", "", ""},
+      {"as they are printed", "  MEMRD64B 00001040 1f 2\n", "1c 1040 1f 2|"},
+      {"prefixes and signs", "MEMRD -8 0Xff +3\n", "4 fffffffffffffff8 ff 3|"},
+      {"no newline at the end", "MEMRD 8 1\nIORD 8 1 2", "4 8 1 1|2 8 1 2|"},
+      {"words behind a count", "MEMRD 8 1 5 x y\nIORD 8 0\n", "4 8 1 5|2 8 0 1|"},
+      {"a carriage return behind the count", "MEMRD 8 1 5\r\n", bad},
+      {"a carriage return without a count", "MEMRD 8 1\r\n", "4 8 1 1|"},
+      {"a count that is no number", "MEMRD 8 1 z\n", "4 8 1 1|"},
+      {"an empty line", "\nMEMRD 8 1\n", bad},
+      {"an unknown name", "MEMRDX 8 1\n", unknown},
+      {"a NUL behind the count", "MEMRD 8 1 5\0x\n"s, "4 8 1 5|"},
+      {"two lines on", "IORD 8 1\nIORD 8 1\nIORD 8\n", "2 8 1 1|2 8 1 1|" + third},
+      {"the 100th character", "IORD 8 1" + blanks + " IORD 8 2\n", "2 8 1 1|2 8 2 1|"},
+      {"a newline as the 99th character", "IORD 8 1" + blanks + "\nIORD 8 2\n", "2 8 1 1|2 8 2 1|"},
+      {"looks like a QUBIX", "QMEMRD 8 1\n", "No magic number; is this a QUBIX?"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(read_all(row.text), row.result) << row.what;
+}
+
+// The road through the C library alone.
+std::string scan_plainly(FILE* file) {
+  char line[100], name[20], behind;
+  unsigned long long addr;
+  unsigned agent, count = 1;
+  if (!std::fgets(line, sizeof line, file)) return "end";
+  const int fields = std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &count, &behind);
+  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return "Bad input line";
+  if (fields == 3) count = 1;
+  std::ostringstream result;
+  try {
+    result << int(velk_trans_str2num_type1(name));
+  } catch (bool) {
+    return "Unknown transaction";
+  }
+  result << ' ' << static_cast<long long>(addr) << ' ' << int(agent) << ' ' << count;
+  return result.str();
+}
+
+std::string last_name;
+velk_trans_class remember_name(const char* name) {
+  last_name = name;
+  return velk_trans_str2num_type1(name);
+}
+
+std::string next_line(velk_reader& reader) {
+  transaction t;
+  try {
+    if (!reader.read(t.trans, t.addr, t.agent, t.count)) return "end";
+  } catch (const VQcomp_error& error) {
+    return error.msg;
+  }
+  std::ostringstream result;
+  result << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count;
+  return result.str();
+}
+
+// Mostly well-formed lines, of which most then suffer in one place or more.
+std::string random_lines(std::mt19937& random, int size) {
+  const auto one_of = [&](std::initializer_list<const char*> words) {
+    return std::string(words.begin()[random() % words.size()]);
+  };
+  const auto digits = [&](const char* kinds, unsigned most) {
+    std::string number;
+    const std::string from = kinds;
+    for (auto i = 1 + random() % most; i > 0; --i) number += from[random() % from.size()];
+    return number;
+  };
+  const auto space = [&] {
+    if (random() % 3) return std::string(" ");
+    return random() % 30 ? one_of({"  ", "\t", "\v", "\f", "\r", " \t ", "", "\n", "\xA0"})
+                         : std::string(60 + random() % 60, ' ');
+  };
+  const auto hex = [&] {
+    const std::string prefix =
+        random() % 4 ? "" : one_of({"0x", "0X", "-", "+", "-0x", "0x-", "00", "--"});
+    return prefix + digits(random() % 2 ? "0123456789abcdefABCDEF" : "0123456789ABCDEFgx",
+                           random() % 2 ? 8 : 20);
+  };
+  const std::string nasty(
+      " \t\v\f\r\n\0x0+-gZ\x80\xFF"
+      "09afAF",
+      21);
+  std::string text;
+  for (int i = 0; i < size; ++i) {
+    std::string line = (random() % 2 ? "" : space()) +
+                       (random() % 4 ? VQcomp::FSB_transactions[random() % 68]
+                                     : one_of({"VXB", "MEMRD65B", "INT:FIXED_LOGICALXX",
+                                               "INT:FIXED_LOGICALXXX", "", "-1", "\x80"}));
+    line += space() + hex() + space() + hex();
+    if (random() % 2)
+      line += space() + (random() % 6 ? "" : one_of({"+", "-", "0x", "x"})) +
+              digits("0123456789", random() % 2 ? 4 : 22);
+    line += random() % 4 ? "" : one_of({" ", "\t", "\r", "z", " x", "\v", "f"});
+    for (auto hurts = random() % 3; hurts > 0; --hurts) {
+      const auto place = random() % (line.size() + 1);
+      const auto kind = random() % 3;
+      if (kind == 0) line.insert(place, 1, nasty[random() % nasty.size()]);
+      if (kind == 1) line.erase(place, 1 + random() % 2);
+      if (kind == 2 && place < line.size()) line[place] = nasty[random() % nasty.size()];
+    }
+    if (random() % 20 == 0) {
+      const std::size_t wanted = (random() % 2 ? 99u : 198u) - 3 + random() % 6;
+      line.insert(random() % (line.size() + 1), wanted - std::min(wanted, line.size()),
+                  random() % 2 ? ' ' : '0');
+    }
+    text += line + '\n';
+  }
+  if (random() % 2) text.pop_back();
+  return text;
+}
+
+TEST(Reader, ScansLinesAsTheCLibraryDoes) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 60; ++round) {
+    std::string text = random_lines(random, 1500);
+    if (text[0] == 'Q') continue;
+    const file_ptr plain = file_of(text), tested = file_of(text), named = file_of(text);
+    velk_reader reader(tested.get(), nullptr), named_reader(named.get(), remember_name);
+    for (std::string wanted; wanted != "end";) {
+      const long place = std::ftell(plain.get());
+      wanted = scan_plainly(plain.get());
+      const auto line = [&] { return text.substr(std::size_t(place), 99); };
+      last_name.clear();
+      ASSERT_EQ(next_line(reader), wanted) << line();
+      ASSERT_EQ(next_line(named_reader), wanted) << line();
+      char name[20];
+      if (wanted == "end" || wanted == "Bad input line") continue;
+      ASSERT_EQ(std::sscanf(line().c_str(), "%19s", name), 1);
+      ASSERT_EQ(last_name, name) << line();
+    }
+  }
+}
+
+TEST(Reader, ReadsTracesOfEveryType) {
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(4, 400, c);
+    for (const auto open : {file_of, pipe_of}) {
+      const file_ptr file = open(text_of(encode(transactions, c)));
+      velk_reader reader(file.get(), nullptr);
+      EXPECT_FALSE(reader.is_text());
+      trace read;
+      for (transaction t; reader.read(t.trans, t.addr, t.agent, t.count);) read.push_back(t);
+      EXPECT_TRUE(read == transactions) << c;
+      transaction t;
+      EXPECT_FALSE(reader.read(t.trans, t.addr, t.agent));
+      EXPECT_TRUE(reader.is_text());
+    }
+  }
+}
+
+TEST(Reader, CountsLinesInPieces) {
+  const struct {
+    std::string text;
+    unsigned long long lines;
+  } rows[] = {
+      {"", 0}, {"x\n\ny", 3}, {std::string(97, 'x') + "\n", 1}, {std::string(98, 'x') + "\n", 2}};
+  for (const auto& row : rows) {
+    const file_ptr file = file_of(row.text);
+    velk_reader reader(file.get(), nullptr);
+    const std::unique_ptr<PRUV_header_t> header(reader.pruv_header(true));
+    EXPECT_EQ(header->trans_count, static_cast<long long>(row.lines));
+    EXPECT_EQ(header->cycle_count, header->trans_count);
+    EXPECT_EQ(reader.needs_rewind(), row.lines > 0);
+    EXPECT_TRUE(reader.is_text());
+  }
+}
+
+// The trailer is the last four bytes, wherever a chunk of 1024 bytes ends.
+TEST(Reader, FindsTheCountTrailer) {
+  for (std::size_t size = 11; size < 3080; size += (size % 1024 < 8 || size % 1024 > 1020) ? 1 : 7)
+    for (const auto open : {file_of, pipe_of}) {
+      bytes data(size, 0xEE);
+      const bytes start = from_hex("51 55 01 FF FF FF FF"), end = from_hex("04 03 02 81");
+      std::copy(start.begin(), start.end(), data.begin());
+      std::copy(end.begin(), end.end(), data.end() - 4);
+      const file_ptr file = open(text_of(data));
+      velk_reader reader(file.get(), nullptr);
+      ASSERT_EQ(reader.length(), 0x81020304u) << size;
+      EXPECT_TRUE(reader.needs_rewind());
+      EXPECT_TRUE(reader.is_text());
+    }
+}
+
+TEST(Reader, CountOfThePreambleNeedsNoRewind) {
+  const coding c{4, true};
+  const trace transactions = random_trace(1, 900, c);
+  const file_ptr file = file_of(text_of(encode(transactions, c)));
+  velk_reader reader(file.get(), nullptr);
+  const std::unique_ptr<PRUV_header_t> header(reader.pruv_header(true));
+  EXPECT_EQ(header->trans_count, static_cast<long long>(transactions.size()));
+  EXPECT_EQ(header->trans_name_count, 68);
+  EXPECT_FALSE(reader.needs_rewind());
+  EXPECT_LE(std::ftell(file.get()), 1024);
+  EXPECT_EQ(reader.length(), transactions.size());
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+// What the unit tests share: traces, the road from a trace to a QUBIX file and back, and a checksum
+// in its plainest form.
+#pragma once
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <ostream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "coder/vqcomp.h"
+
+using bytes = std::vector<unsigned char>;
+
+struct transaction {
+  velk_trans_class trans;
+  long long addr;
+  int agent;
+  unsigned count = 1;
+  bool operator==(const transaction&) const = default;
+};
+using trace = std::vector<transaction>;
+
+// A file type and whether its records are context-coded.
+struct coding {
+  int version;
+  bool compressed;
+  bool four_field() const { return version == 3 || version == 5; }
+  bool wide_agents() const { return version > 3; }
+};
+inline constexpr coding all_codings[] = {{0, false}, {1, true},  {2, false}, {2, true},  {3, false},
+                                         {3, true},  {4, false}, {4, true},  {5, false}, {5, true}};
+inline std::ostream& operator<<(std::ostream& out, const coding& c) {
+  return out << "type " << c.version << (c.compressed ? " compressed" : " raw");
+}
+
+struct coder_limits {
+  long long window = 65535;
+  unsigned max_contexts = 0;
+  int block_size = 84;
+};
+
+inline bytes from_hex(const std::string& text) {
+  std::istringstream from(text);
+  bytes result;
+  for (unsigned byte; from >> std::hex >> byte;) result.push_back(static_cast<unsigned char>(byte));
+  return result;
+}
+
+// The whole file as a pipe would receive it. Block by block, as a caller without a stream does it.
+inline bytes encode(const trace& transactions, coding c, coder_limits limits = {}) {
+  PRUV_header_t header;
+  header.compression = c.compressed;
+  header.max_contexts = limits.max_contexts;
+  header.trans_count = static_cast<long long>(transactions.size());
+  VQcomp coder(nullptr, c.version, &header, limits.block_size, limits.window);
+  bytes file;
+  const auto take = [&](unsigned size) {
+    file.insert(file.end(), coder.buffer.get(), coder.buffer.get() + size);
+    coder.reset_buffer();
+  };
+  for (const transaction& t : transactions) {
+    try {
+      coder.record(t.trans, t.addr, t.agent, t.count);
+    } catch (const VQcomp_block& block) {
+      take(block.bytes);
+    }
+  }
+  unsigned contexts, distance, bits;
+  take(unsigned(coder.finish(contexts, distance, bits)));
+  return file;
+}
+
+// Bytes before the first record and behind the last in what encode() gives.
+inline std::size_t preamble_size(coding c) { return c.version < 2 ? 7 : c.version < 4 ? 38 : 56; }
+inline std::size_t end_size(coding c) {
+  return (c.compressed ? 3u : 1u) + 4u + (c.version < 2 ? 4u : 0u);
+}
+
+struct decoded {
+  trace transactions;
+  std::string error;  // empty: the file ended well
+};
+
+// A damaged repeat count stands for billions of transactions; no test has that many.
+constexpr std::size_t most_transactions = 1 << 14;
+
+// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
+template <class NextSize>
+decoded decode(const bytes& file, NextSize next_size) {
+  decoded result;
+  VQuncomp decoder;
+  bytes chunk;
+  auto from = file.begin();
+  try {
+    while (result.transactions.size() < most_transactions) {
+      try {
+        transaction t;
+        decoder.read(t.trans, t.addr, t.agent, t.count);
+        result.transactions.push_back(t);
+      } catch (const VQcomp_block&) {
+        const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
+        chunk = bytes(from, to);
+        from = to;
+        decoder.put(chunk.data(), int(chunk.size()));
+      }
+    }
+    result.error = "too many transactions";
+  } catch (const VQcomp_done&) {
+  } catch (const VQcomp_error& error) {
+    result.error = error.str();
+  }
+  return result;
+}
+inline decoded decode(const bytes& file) {
+  return decode(file, [] { return 1024; });
+}
+
+// The line for the user of the error that `call` throws.
+template <class Call>
+std::string error_of(Call call) {
+  try {
+    call();
+  } catch (const VQcomp_error& error) {
+    return error.str();
+  }
+  return "no error";
+}
+
+// The remainder of the bytes, and of four zero bytes more when it is `closed`, bit by bit.
+inline unsigned plain_checksum(bytes data, bool closed) {
+  if (closed) data.insert(data.end(), 4, 0);
+  unsigned remainder = 0;
+  for (const unsigned byte : data)
+    for (int bit = 7; bit >= 0; --bit) {
+      const bool carry = remainder >> 31;
+      remainder = remainder << 1 | (byte >> bit & 1);
+      if (carry) remainder ^= 0x04C11DB7;
+    }
+  return remainder;
+}
+
+// A trace with some of everything: runs of lines, strides, jumps within a cluster and far away,
+// deferred replies, counts and agents of all sizes. What the coding cannot keep, it does not have.
+inline trace random_trace(unsigned seed, int size, coding c) {
+  std::mt19937_64 random(seed);
+  const auto below = [&](unsigned long long bound) { return int(random() % bound); };
+  const int clusters = 1 + below(12), agents = 1 + below(6);
+  std::vector<transaction> latest;
+  for (int i = 0; i < clusters * agents; ++i) {
+    const int agent = c.wide_agents() && below(4) == 0 ? below(65536) : below(256);
+    latest.push_back({velk_trans_class(below(68)), below(1 << 20) * 8LL, agent});
+  }
+  trace result;
+  for (int i = 0; i < size; ++i) {
+    transaction& t = latest[random() % latest.size()];
+    const long long line = 8LL << VQcomp::trans2line_size[t.trans >> 3];
+    for (int run = below(3) == 0 ? below(12) : 1; run > 0; --run) {
+      const int kind = below(20);
+      if (kind < 12)
+        t.addr = (t.addr / line + 1) * line;
+      else if (kind < 16)
+        t.addr += (below(21) - 10) * line;
+      else if (kind < 19)
+        t.addr += (below(4001) - 2000) * 8LL;
+      else
+        t.addr = static_cast<long long>(random() >> below(60)) & ~7LL;
+      if (t.trans == 47 || t.trans == 48) t.addr &= 0xFF0000;
+      const unsigned counts[] = {0, 1, 1, 2, 3, 130, unsigned(random())};
+      t.count = c.four_field() ? counts[below(7)] : 1;
+      result.push_back(t);
+    }
+  }
+  return result;
+}

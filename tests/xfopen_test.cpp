@@ -1,0 +1,131 @@
+// Names to streams.
+#include "fileio/xfopen.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string content(const std::string& name) {
+  std::ifstream file(name, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// Each test runs in an empty folder of its own.
+class Files : public testing::Test {
+ protected:
+  Files() {
+    char folder[] = "/tmp/vqpack_files_XXXXXX";
+    folder_ = mkdtemp(folder);
+    fs::current_path(folder_);
+  }
+  ~Files() override {
+    fs::current_path("/");
+    fs::remove_all(folder_);
+  }
+
+  static int write(const std::string& name, const char* text, const char* mode = "w") {
+    FILE* const file = xfopen(name.c_str(), mode);
+    if (!file) return -2;
+    std::fputs(text, file);
+    return xfclose(file);
+  }
+  // The first line; "null" when the file cannot be opened.
+  static std::string read(const std::string& name,
+                          FILE* (*open)(const char*, const char*) = xfopen) {
+    FILE* const file = open(name.c_str(), "r");
+    if (!file) return "null";
+    char line[100] = "";
+    const bool read = std::fgets(line, sizeof line, file);
+    xfclose(file);
+    return read ? line : "empty";
+  }
+
+ private:
+  std::string folder_;
+};
+
+TEST_F(Files, NamesStayNames) {
+  const struct {
+    const char* name;
+    const char* first_bytes;  // of the file: of what the compressor writes, or the text itself
+  } rows[] = {{"plain", "text"},
+              {"a b.gz", "\x1F\x8B"},
+              {"it's \"x\".gz", "\x1F\x8B"},
+              {"$(echo >hit).gz", "\x1F\x8B"},
+              {"-d.bz2", "BZh"},
+              {"new\nline.bz2", "BZh"},
+              {"`echo >hit`;a&b.bz2", "BZh"},
+              {"*.gz", "\x1F\x8B"},
+              {".gz", "text"},
+              {".bz2", "text"},
+              {"stdin", "text"},
+              {"end|", "text"}};
+  int files = 0;
+  for (const auto& row : rows) {
+    EXPECT_EQ(write(row.name, "text"), 0) << row.name;
+    EXPECT_TRUE(content(row.name).starts_with(row.first_bytes)) << row.name;
+    EXPECT_EQ(std::distance(fs::directory_iterator("."), {}), ++files) << row.name;
+    // For reading, these two mean something else.
+    if (std::string("stdin") == row.name || std::string("end|") == row.name) continue;
+    EXPECT_EQ(read(row.name), "text") << row.name;
+  }
+}
+
+TEST_F(Files, ReadingTriesOtherNames) {
+  write("both.bz2", "bzip2");
+  EXPECT_EQ(read("both"), "bzip2");
+  write("both.gz", "gzip");
+  EXPECT_EQ(read("both"), "gzip");
+  EXPECT_EQ(read("both", xfopen_simple), "null");
+  write("both", "plain");
+  EXPECT_EQ(read("both"), "plain");
+  EXPECT_EQ(read("none"), "null");
+  EXPECT_EQ(read("none.gz"), "null");
+}
+
+TEST_F(Files, Commands) {
+  EXPECT_EQ(read("|printf one; exit 3"), "one");
+  EXPECT_EQ(read("printf two|"), "two");
+  EXPECT_EQ(write("|tr a-z A-Z >copy", "three"), 0);
+  EXPECT_EQ(content("copy"), "THREE");
+}
+
+TEST_F(Files, ClosingTellsOfFailures) {
+  const int status = write("|cat >copy; exit 3", "text");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+  EXPECT_EQ(write("/dev/full", "text"), EOF);
+  std::ofstream("damaged.gz") << "not compressed";
+  FILE* const file = xfopen("damaged.gz", "r");
+  EXPECT_EQ(std::fgetc(file), EOF);
+  EXPECT_NE(xfclose(file), 0);
+}
+
+TEST_F(Files, ModesOfCompressedFiles) {
+  EXPECT_EQ(write("a.gz", "one"), 0);
+  EXPECT_EQ(write("a.gz", "two", "a"), 0);
+  EXPECT_EQ(read("a.gz"), "onetwo");
+  EXPECT_EQ(write("a.gz", "new"), 0);
+  EXPECT_EQ(read("a.gz"), "new");
+  EXPECT_EQ(xfopen("a.gz", "x"), nullptr);
+  EXPECT_EQ(write("missing/a.gz", "text"), -2);
+}
+
+TEST_F(Files, SeveralPipesAtOnce) {
+  FILE* const first = xfopen("first.gz", "w");
+  FILE* const second = xfopen("second.gz", "w");
+  FILE* const third = xfopen("third", "w");
+  for (FILE* const file : {first, second, third}) std::fputs("text", file);
+  for (FILE* const file : {second, third, first}) EXPECT_EQ(xfclose(file), 0);
+  for (const char* const name : {"first", "second", "third"}) EXPECT_EQ(read(name), "text") << name;
+}
+
+}  // namespace
