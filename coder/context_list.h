@@ -90,7 +90,7 @@ class context_list {
   std::uint32_t first_match(std::uint32_t chain, std::uint32_t key, long long addr,
                             unsigned slot) const {
     std::uint32_t id = chains_[chain];
-    while ((entries_[id].slot < slot) & !matches(entries_[id], key, addr)) id = entries_[id].older;
+    while (entries_[id].slot < slot && !matches(entries_[id], key, addr)) id = entries_[id].older;
     return entries_[id].slot < slot ? id : none;
   }
 

@@ -14,7 +14,9 @@
 #include "checksum.h"
 #include "context_list.h"
 #include "inslist.h"
+#include "line_scan.h"
 #include "stop_bit.h"
+#include "text_source.h"
 
 namespace {
 
@@ -53,6 +55,8 @@ constexpr int longest_record =
     1 + 1 + stop_bit_bytes(upper_address_bits) + 1 + 1 + stop_bit_bytes(16);
 constexpr int longest_with_repeat = longest_record + longest_repeat;
 constexpr int longest_end = int(sizeof end_of_contexts) + checksum_bytes + trailer_bytes;
+constexpr std::size_t step = 64;  // transactions that the compressor checks ahead of coding them
+constexpr unsigned most_repeats = UINT_MAX;
 constexpr int spare_bytes = 28;   // of the compressor's buffer, beyond the block size
 constexpr int usual_margin = 20;  // a record is started only with more bytes than this ahead
 static_assert(longest_with_repeat <= spare_bytes && longest_repeat + longest_end <= spare_bytes);
@@ -107,15 +111,6 @@ void move_lines(VQuncomp::context& context, long long lines) {
 
 bool is_aligned(long long unit_addr, int shift) { return (unit_addr & ((1 << shift) - 1)) == 0; }
 
-// The fields of a transaction that every file type covers with its checksum.
-void fold_transaction(checksum& crc, velk_trans_class trans, long long addr, int agent,
-                      bool wide_agents) {
-  crc.fold_le<1>(trans);
-  crc.fold_le<1>(unsigned(agent));
-  if (wide_agents) crc.fold_le<1>(unsigned(agent) >> 8);
-  crc.fold_le<8>(static_cast<unsigned long long>(addr));
-}
-
 }  // namespace
 
 // Errors: the one line that a user sees.
@@ -129,29 +124,8 @@ std::string VQcomp_error::str() const {
   return text.str();
 }
 
-// Transaction names: the table, which gives each code its name, and the parser, which is written
-// as rules because it takes more names than the table holds.
-
-const char* const VQcomp::FSB_transactions[68] = {
-    "CDRD",       "LNWR",           "IORD",           "IOWR",           "MEMRD",
-    "MEMWR",      "RDINV",          "WRINV",  //
-    "CDRD16B",    "LNWR16B",        "IORD16B",        "IOWR16B",        "MEMRD16B",
-    "MEMWR16B",   "RDINV16B",       "WRINV16B",  //
-    "CDRD32B",    "LNWR32B",        "IORD32B",        "IOWR32B",        "MEMRD32B",
-    "MEMWR32B",   "RDINV32B",       "WRINV32B",  //
-    "CDRD64B",    "LNWR64B",        "IORD64B",        "IOWR64B",        "MEMRD64B",
-    "MEMWR64B",   "RDINV64B",       "WRINV64B",  //
-    "CDRD?",      "LNWR?",          "IORD?",          "IOWR?",          "MEMRD?",
-    "MEMWR?",     "RDINV?",         "WRINV?",                                              //
-    "INT:EOI",    "INT:FIXED_LOGL", "INT:FIXED_PHYS", "INT:REDIR_LOGL", "INT:REDIR_PHYS",  //
-    "INT:RSVD",   "INTA",           "DEFR_RPLY",                                           //
-    "DEFR_REPLY", "RSVD",           "BR_TRACE",       "IOWR_RSVD",      "(null)",
-    "N4_RSVD",    "SPL:Flush",  //
-    "SPL:Halt",                 //
-    "SPL:RSVD",   "SPL:SMIAck",     "SPL:ShutDwn",    "SPL:StClkAk",    "SPL:Sync",
-    "SPL:XTPR",   "SPL:nop",  //
-    "SPL",                    //
-    "VXB64B",     "VXBNC64B",       "WBMTOE64B",      "WBMTOS64B"};
+// Transaction names: the parser is written as rules, because it takes more names than the table
+// holds.
 
 namespace {
 
@@ -692,25 +666,63 @@ VQcomp::~VQcomp() noexcept(false) {
 
 void VQcomp::refuse(const char* msg) const { throw VQcomp_error{msg, record_count, 0, false}; }
 
-void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned count) {
-  ++record_count;
-  if (trans > last_trans) refuse("Transaction out of range");
-  if (is_deferred_reply(trans)) {
-    addr &= 0xFF0000;
-  } else {
-    if (addr & 7) refuse("Lowest 3 bits of address not 0");
-    if (addr >> addr_bits > 0)
-      addr_bits = unsigned(std::bit_width(static_cast<unsigned long long>(addr)));
-  }
-  if (agent >> (wide_agents ? 16 : 8) != 0) refuse("Agent ID too big for this version");
-
-  fold_transaction(*crc, trans, addr, agent, wide_agents);
-  if (const char* const msg = (this->*codec)(trans, addr, agent, count)) refuse(msg);
-  if (used >= block_size) hand_out_block();
+// Cuts the address as the file does, and returns the message of a refusal, or null.
+const char* VQcomp::refusal(VQtransaction& t) const {
+  if (t.trans > last_trans) return "Transaction out of range";
+  if (is_deferred_reply(t.trans))
+    t.addr &= 0xFF0000;
+  else if (t.addr & 7)
+    return "Lowest 3 bits of address not 0";
+  if (t.agent >> (wide_agents ? 16 : 8) != 0) return "Agent ID too big for this version";
+  return nullptr;
 }
 
-void VQcomp::hand_out_block() {
-  if (!out) throw VQcomp_block{unsigned(mark)};
+// The number of transactions before the first that is refused.
+std::size_t VQcomp::accept(VQtransaction* transactions, std::size_t size) const {
+  return std::size_t(std::find_if(transactions, transactions + size,
+                                  [this](VQtransaction& t) { return refusal(t) != nullptr; }) -
+                     transactions);
+}
+
+// Takes what was coded into account.
+void VQcomp::note(const VQtransaction* transactions, std::size_t size) {
+  crc->fold(transactions, size, wide_agents, four_field);
+  record_count += static_cast<long long>(size);
+  unsigned long long seen = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    const VQtransaction& t = transactions[i];
+    const bool counts = t.addr > 0 && !is_deferred_reply(t.trans);
+    seen |= counts ? static_cast<unsigned long long>(t.addr) : 0;
+  }
+  addr_bits = std::max(addr_bits, unsigned(std::bit_width(seen)));
+}
+
+// Works in steps over a few transactions at a time: check, code, fold into the checksum. Each step
+// is a short loop, and what is checked in vain when a block becomes full does not matter.
+std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  do {
+    const std::size_t accepted = accept(transactions + done, std::min(size - done, step));
+    if (accepted == 0) {
+      if (done > 0) break;
+      ++record_count;
+      refuse(refusal(transactions[0]));
+    }
+    const std::size_t coded = (this->*codec)(transactions + done, accepted);
+    note(transactions + done, coded);
+    done += coded;
+    if (out && ready()) write_block();
+  } while (done < size && !ready());
+  return done;
+}
+
+void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned count) {
+  VQtransaction t{addr, agent, count, trans};
+  record(&t, 1);
+  if (ready()) throw VQcomp_block{unsigned(ready())};
+}
+
+void VQcomp::write_block() {
   if (std::fwrite(buffer.get(), 1, std::size_t(mark), out) != std::size_t(mark))
     refuse(cannot_write);
   reset_buffer();
@@ -722,43 +734,36 @@ void VQcomp::reset_buffer() {
   mark = 0;
 }
 
-template <int AgentBytes>
-void VQcomp::put_raw(velk_trans_class trans, long long addr, int agent) {
-  unsigned char* to = at(used);
-  to = store_le<1>(to, trans);
-  to = store_le<AgentBytes>(to, unsigned(agent));
-  to = store_le<8>(to, static_cast<unsigned long long>(addr));
-  mark = used = int(to - buffer.get());
+template <int AgentBytes, bool Counted>
+std::size_t VQcomp::put_raw(const VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  do {
+    const VQtransaction& t = transactions[done++];
+    unsigned char* to = at(used);
+    to = store_le<1>(to, t.trans);
+    to = store_le<AgentBytes>(to, unsigned(t.agent));
+    to = store_le<8>(to, static_cast<unsigned long long>(t.addr));
+    if (Counted) to = store_le<4>(to, t.count);
+    used = int(to - buffer.get());
+  } while (done < size && used < block_size);
+  mark = used;
+  return done;
 }
 
-void VQcomp::put_raw_count(unsigned count) {
-  crc->fold_le<4>(count);
-  mark = used = int(store_le<4>(at(used), count) - buffer.get());
+std::size_t VQcomp::codec_3_field_raw(const VQtransaction* transactions, std::size_t size) {
+  return put_raw<1, false>(transactions, size);
 }
 
-const char* VQcomp::codec_3_field_raw(velk_trans_class trans, long long addr, int agent, unsigned) {
-  put_raw<1>(trans, addr, agent);
-  return nullptr;
+std::size_t VQcomp::codec_3_field_raw_a2(const VQtransaction* transactions, std::size_t size) {
+  return put_raw<2, false>(transactions, size);
 }
 
-const char* VQcomp::codec_3_field_raw_a2(velk_trans_class trans, long long addr, int agent,
-                                         unsigned) {
-  put_raw<2>(trans, addr, agent);
-  return nullptr;
+std::size_t VQcomp::codec_4_field_raw(const VQtransaction* transactions, std::size_t size) {
+  return put_raw<1, true>(transactions, size);
 }
 
-const char* VQcomp::codec_4_field_raw(velk_trans_class trans, long long addr, int agent,
-                                      unsigned count) {
-  put_raw<1>(trans, addr, agent);
-  put_raw_count(count);
-  return nullptr;
-}
-
-const char* VQcomp::codec_4_field_raw_a2(velk_trans_class trans, long long addr, int agent,
-                                         unsigned count) {
-  put_raw<2>(trans, addr, agent);
-  put_raw_count(count);
-  return nullptr;
+std::size_t VQcomp::codec_4_field_raw_a2(const VQtransaction* transactions, std::size_t size) {
+  return put_raw<2, true>(transactions, size);
 }
 
 void VQcomp::put_byte(unsigned value) { *at(used++) = static_cast<unsigned char>(value); }
@@ -818,47 +823,53 @@ void VQcomp::put_known_context(velk_trans_class trans, long long unit_addr, int 
   }
 }
 
-void VQcomp::put_new_context(velk_trans_class trans, long long unit_addr, int agent) {
+void VQcomp::put_new_context(const VQtransaction& t, long long unit_addr) {
   put_byte(numbered_context | (unit_addr & 0xF));
   put_byte(new_context);
   put_number(static_cast<unsigned long long>(unit_addr) >> 4);
-  encode_agent_trans(trans, agent);
+  encode_agent_trans(t.trans, t.agent);
 }
 
-void VQcomp::put_record(velk_trans_class trans, long long unit_addr, int agent, int position,
-                        long long prev) {
+void VQcomp::put_record(const VQtransaction& t, long long unit_addr, int position, long long prev) {
   if (position >= 0)
-    put_known_context(trans, unit_addr, position, prev);
+    put_known_context(t.trans, unit_addr, position, prev);
   else
-    put_new_context(trans, unit_addr, agent);
+    put_new_context(t, unit_addr);
 }
 
 // A transaction that goes on where the front context's latest ended, one line further, costs
 // nothing: it is counted, and the count is put into the head byte of the record that it repeats.
-const char* VQcomp::codec_3_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned) {
-  const long long unit_addr = to_units(addr, usual_unit);
-  long long prev = 0;
-  const int position = cam_context(trans, unit_addr, agent, prev);
-  const int shift = size_class(trans);
-  if (position == 0 && is_aligned(unit_addr, shift) && (prev >> shift) + 1 == unit_addr >> shift) {
-    ++pending_repeat;
-    return nullptr;
-  }
-  flushPendingRepeat();
-  put_record(trans, unit_addr, agent, position, prev);
-  return nullptr;
+std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  do {
+    const VQtransaction& t = transactions[done++];
+    const long long unit_addr = to_units(t.addr, usual_unit);
+    long long prev = 0;
+    const int position = cam_context(t.trans, unit_addr, t.agent, prev);
+    const int shift = size_class(t.trans);
+    if (position == 0 && is_aligned(unit_addr, shift) &&
+        (prev >> shift) + 1 == unit_addr >> shift && pending_repeat < most_repeats) {
+      ++pending_repeat;
+    } else {
+      flushPendingRepeat();
+      put_record(t, unit_addr, position, prev);
+    }
+  } while (done < size && used < block_size);
+  return done;
 }
 
 // With four fields the repeat count is the transaction's count.
-const char* VQcomp::codec_4_field_cmp(velk_trans_class trans, long long addr, int agent,
-                                      unsigned count) {
-  crc->fold_le<4>(count);
-  const long long unit_addr = to_units(addr, unit_with_count(trans));
-  long long prev = 0;
-  const int position = cam_context(trans, unit_addr, agent, prev);
-  put_record(trans, unit_addr, agent, position, prev);
-  put_repeat(count);
-  return nullptr;
+std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  do {
+    const VQtransaction& t = transactions[done++];
+    const long long unit_addr = to_units(t.addr, unit_with_count(t.trans));
+    long long prev = 0;
+    const int position = cam_context(t.trans, unit_addr, t.agent, prev);
+    put_record(t, unit_addr, position, prev);
+    put_repeat(t.count);
+  } while (done < size && used < block_size);
+  return done;
 }
 
 int VQcomp::finish(unsigned& contexts_used, unsigned& avg_distance, unsigned& address_bits) {
@@ -1002,13 +1013,11 @@ void VQuncomp::take_input(int bytes) {
 }
 
 // Sees to it that a record can be started: either more than `margin` bytes lie ahead, or all that
-// are left of the input.
-void VQuncomp::look_ahead() {
-  if (finished) {
-    if (head >= tail) fail("Input ends early", base + tail);
-    return;
-  }
-  if (header_left > 0 || input_left == 0) throw VQcomp_block{0};
+// are left of the input. False when another chunk is needed for that.
+bool VQuncomp::look_ahead() {
+  if (head < startable_end()) return true;
+  if (finished) fail("Input ends early", base + tail);
+  if (header_left > 0 || input_left == 0) return false;
   base += head;
   tail -= head;
   std::memmove(buffer.get(), at(head), std::size_t(tail));
@@ -1016,22 +1025,7 @@ void VQuncomp::look_ahead() {
   if (capacity <= margin) make_buffer(2 * margin);
   take_input(std::min(input_left, capacity - tail));
   limit = tail - margin;
-  if (limit <= head) throw VQcomp_block{0};
-}
-
-// Decodes the record at `head`, unless not all of it is there: a proper record is, except where the
-// input ends within it, but damaged data can hold numbers of any length. To the end marker belongs
-// what check_end() looks at.
-VQuncomp::outcome VQuncomp::decode(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                   unsigned& count) {
-  const int start = head;
-  const bool escape_before = agent_escape;
-  const bool delivered = (this->*codec)(trans, addr, agent, count);
-  const int needed = delivered || finished ? 0 : checksum_bytes + trailer_bytes + 1;
-  if (tail - head >= needed) return delivered ? outcome::transaction : outcome::end_of_records;
-  head = start;
-  agent_escape = escape_before;
-  return outcome::incomplete;
+  return head < limit;
 }
 
 // After a record that was not whole: asks for twice the bytes, so that the bytes of an overlong
@@ -1039,31 +1033,48 @@ VQuncomp::outcome VQuncomp::decode(velk_trans_class& trans, typeaddr& addr, int&
 void VQuncomp::want_more() {
   if (finished) fail("Input ends early", base + tail);
   margin = 2 * (tail - head);
-  if (margin > longest_damaged_record) fail("Record too long", record_start);
+  if (margin > longest_damaged_record) fail("Record too long", base + head);
   limit = head;
 }
 
-void VQuncomp::read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count) {
-  for (;;) {
-    if (head >= limit) look_ahead();
-    record_start = base + head;
-    const outcome met = decode(trans, addr, agent, count);
-    if (met == outcome::end_of_records) check_end();
-    if (met == outcome::transaction) break;
-    want_more();
+std::size_t VQuncomp::read(VQtransaction* transactions, std::size_t size) {
+  while (look_ahead()) {
+    const std::size_t delivered = (this->*codec)(transactions, size);
+    if (margin != usual_margin) {
+      margin = usual_margin;
+      limit = tail - margin;
+    }
+    if (delivered > 0) {
+      crc->fold(transactions, delivered, wide_agents, four_field);
+      record_number += static_cast<long long>(delivered);
+      return delivered;
+    }
+    switch (met) {
+      case obstacle::end_of_records:
+        check_end();
+      case obstacle::bad_trans:
+        fail("Transaction number out of range", base + head);
+      case obstacle::bad_context:
+        fail("Context number too high", base + head);
+      default:
+        want_more();
+    }
   }
-  if (margin != usual_margin) {
-    margin = usual_margin;
-    limit = tail - margin;
-  }
-  fold_transaction(*crc, trans, addr, agent, wide_agents);
-  if (four_field) crc->fold_le<4>(count);
-  if (trans >= name_count) fail("Transaction number out of range", record_start);
-  ++record_number;
+  return 0;
 }
 
-// Checks what follows the end marker. Always throws: VQcomp_done when all is well.
+void VQuncomp::read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count) {
+  VQtransaction t;
+  if (read(&t, 1) == 0) throw VQcomp_block{0};
+  trans = t.trans;
+  addr = t.addr;
+  agent = t.agent;
+  count = t.count;
+}
+
+// Checks what follows the end marker at `head`. Always throws: VQcomp_done when all is well.
 void VQuncomp::check_end() {
+  head += marker_bytes;
   if (tail - head < checksum_bytes) fail(ends_early, base);
   crc->fold(at(head), checksum_bytes);
   head += checksum_bytes;
@@ -1080,69 +1091,64 @@ void VQuncomp::check_end() {
   throw VQcomp_done{};
 }
 
-template <int AgentBytes, bool FourField>
-bool VQuncomp::get_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count) {
-  constexpr int size = 1 + AgentBytes + 8 + (FourField ? 4 : 0);
-  const unsigned char* const from = at(head);
-  if (*from == end_of_raw) {
-    ++head;
-    return false;
+// An end marker, which counts only when what check_end() looks at has come, too.
+VQuncomp::obstacle VQuncomp::end_marker(int bytes) {
+  constexpr int looked_at = checksum_bytes + trailer_bytes + 1;
+  const int behind = tail - head - bytes;
+  if (behind < 0 || (!finished && behind < looked_at)) return obstacle::incomplete;
+  marker_bytes = bytes;
+  return obstacle::end_of_records;
+}
+
+template <int AgentBytes, bool Counted>
+std::size_t VQuncomp::get_raw(VQtransaction* transactions, std::size_t size) {
+  constexpr int bytes = 1 + AgentBytes + 8 + (Counted ? 4 : 0);
+  std::size_t done = 0;
+  met = obstacle::none;
+  for (; done < size && head < startable_end(); head += bytes) {
+    const unsigned char* const from = at(head);
+    if (*from == end_of_raw)
+      met = end_marker(1);
+    else if (tail - head < bytes)
+      met = obstacle::incomplete;
+    else if (*from >= name_count)
+      met = obstacle::bad_trans;
+    if (met != obstacle::none) break;
+    VQtransaction& t = transactions[done++];
+    t.trans = *from;
+    t.agent = int(load_le<AgentBytes>(from + 1));
+    t.addr = static_cast<typeaddr>(load_le<8>(from + 1 + AgentBytes));
+    t.count = Counted ? unsigned(load_le<4>(from + bytes - 4)) : 1;
   }
-  if (tail - head < size) {
-    head = tail + 1;
-    return true;
-  }
-  trans = *from;
-  agent = int(load_le<AgentBytes>(from + 1));
-  addr = static_cast<typeaddr>(load_le<8>(from + 1 + AgentBytes));
-  count = FourField ? unsigned(load_le<4>(from + size - 4)) : 1;
-  head += size;
-  return true;
+  return done;
 }
 
-bool VQuncomp::codec_3_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                 unsigned& count) {
-  return get_raw<1, false>(trans, addr, agent, count);
+std::size_t VQuncomp::codec_3_field_raw(VQtransaction* transactions, std::size_t size) {
+  return get_raw<1, false>(transactions, size);
 }
 
-bool VQuncomp::codec_3_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                    unsigned& count) {
-  return get_raw<2, false>(trans, addr, agent, count);
+std::size_t VQuncomp::codec_3_field_raw_a2(VQtransaction* transactions, std::size_t size) {
+  return get_raw<2, false>(transactions, size);
 }
 
-bool VQuncomp::codec_4_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                 unsigned& count) {
-  return get_raw<1, true>(trans, addr, agent, count);
+std::size_t VQuncomp::codec_4_field_raw(VQtransaction* transactions, std::size_t size) {
+  return get_raw<1, true>(transactions, size);
 }
 
-bool VQuncomp::codec_4_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                    unsigned& count) {
-  return get_raw<2, true>(trans, addr, agent, count);
+std::size_t VQuncomp::codec_4_field_raw_a2(VQtransaction* transactions, std::size_t size) {
+  return get_raw<2, true>(transactions, size);
 }
 
-template <class Number>
-Number VQuncomp::get_number() {
-  const unsigned char* from = at(head);
-  Number value;
-  if constexpr (std::is_signed_v<Number>)
-    value = get_signed_stop_bit(from);
-  else
-    value = get_stop_bit<Number>(from);
-  head = int(from - buffer.get());
-  return value;
-}
-
-void VQuncomp::decode_agent_trans(velk_trans_class& trans, int& agent) {
-  const unsigned char code = *at(head++);
+void VQuncomp::decode_agent_trans(const unsigned char*& from, velk_trans_class& trans, int& agent) {
+  const unsigned char code = *from++;
   trans = code & ~no_agent;
   agent = 0;
   if (code & no_agent) return;
   if (!agent_escape) {
-    const unsigned char byte = *at(head++);
-    agent_escape = byte == escaped_agent && wide_agents;
-    agent = byte;
+    agent = *from++;
+    agent_escape = agent == escaped_agent && wide_agents;
   }
-  if (agent_escape) agent = int(get_number<unsigned>());
+  if (agent_escape) agent = int(get_stop_bit<unsigned>(from));
 }
 
 // One context-coded record as it stands in the file.
@@ -1155,30 +1161,45 @@ struct VQuncomp::record_fields {
   unsigned repeat;
 };
 
-// Takes the record at `head`; false at the end marker. Touches nothing but `head`, `agent_escape`
-// and `fields`.
-bool VQuncomp::get_record(record_fields& fields) {
-  const unsigned char first = *at(head++);
+// Takes the record at `head`, unless there is an obstacle. Damaged data can make it run on beyond
+// `tail`, though not beyond the guard bytes; what it took is no record then.
+VQuncomp::obstacle VQuncomp::get_record(record_fields& fields) {
+  const unsigned char* from = at(head);
+  const bool escape_before = agent_escape;
+  const unsigned char first = *from++;
   const unsigned low = first & 0xF;
   fields.position = first >> position_shift & 3;
   fields.is_new = false;
   if (fields.position > last_short_position) {
-    const int number_at = head;
-    const unsigned number = get_number<unsigned>();
-    if (number == 0 && head - number_at > 1) return false;
+    const unsigned char* const number_at = from;
+    const unsigned number = get_stop_bit<unsigned>(from);
+    if (number == 0 && from - number_at > 1) return end_marker(int(from - at(head)));
     fields.is_new = number == 0;
     fields.position = static_cast<unsigned long long>(number) + last_short_position;
   }
   if (fields.is_new) {
-    fields.introduced.addr = typeaddr(low | get_number<unsigned long long>() << 4);
-    decode_agent_trans(fields.introduced.trans, fields.introduced.agent);
+    fields.introduced.addr = typeaddr(low | get_stop_bit<unsigned long long>(from) << 4);
+    decode_agent_trans(from, fields.introduced.trans, fields.introduced.agent);
   } else {
     fields.in_lines = low != long_delta;
-    fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_number<long long>();
+    fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_signed_stop_bit(from);
   }
   fields.repeat = first >> repeat_shift;
-  if (fields.repeat == long_repeat) fields.repeat = get_number<unsigned>() + last_short_repeat;
-  return true;
+  if (fields.repeat == long_repeat)
+    fields.repeat = get_stop_bit<unsigned>(from) + last_short_repeat;
+
+  obstacle found = obstacle::none;
+  if (from > at(tail))
+    found = obstacle::incomplete;
+  else if (!fields.is_new && fields.position > 0 && fields.position >= contexts->size())
+    found = obstacle::bad_context;
+  else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
+    found = obstacle::bad_trans;
+  if (found == obstacle::none)
+    head = int(from - buffer.get());
+  else
+    agent_escape = escape_before;
+  return found;
 }
 
 void VQuncomp::enter_context(const record_fields& fields) {
@@ -1186,51 +1207,55 @@ void VQuncomp::enter_context(const record_fields& fields) {
     current = contexts->insert(fields.introduced);
     return;
   }
-  if (fields.position > 0) current = find_context(fields.position);
+  if (fields.position > 0) current = contexts->lookup(unsigned(fields.position));
   if (fields.in_lines)
     move_lines(*current, fields.delta);
   else
     current->addr = wrapping_sum(current->addr, fields.delta);
 }
 
-VQuncomp::context* VQuncomp::find_context(unsigned long long position) {
-  try {
-    if (position <= UINT_MAX) return contexts->lookup(unsigned(position));
-  } catch (bool) {
+// Delivers repeats of the latest record, each one line further.
+std::size_t VQuncomp::get_repeats(VQtransaction* transactions, std::size_t size) {
+  const std::size_t done = std::min<std::size_t>(size, pending_repeat);
+  pending_repeat -= unsigned(done);
+  for (std::size_t i = 0; i < done; ++i) {
+    move_lines(*current, 1);
+    transactions[i] = {from_units(current->addr, usual_unit), current->agent, 1, current->trans};
   }
-  fail("Context number too high", record_start);
+  return done;
 }
 
-bool VQuncomp::codec_3_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                 unsigned& count) {
-  count = 1;
-  if (pending_repeat > 0) {
-    --pending_repeat;
-    move_lines(*current, 1);
-  } else {
+std::size_t VQuncomp::codec_3_field_cmp(VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  met = obstacle::none;
+  while (done < size && head < startable_end()) {
+    if (pending_repeat > 0) {
+      done += get_repeats(transactions + done, size - done);
+      continue;
+    }
     record_fields fields;
-    if (!get_record(fields)) return false;
-    if (head > tail) return true;
+    met = get_record(fields);
+    if (met != obstacle::none) break;
     enter_context(fields);
     pending_repeat = fields.repeat;
+    transactions[done++] = {from_units(current->addr, usual_unit), current->agent, 1,
+                            current->trans};
   }
-  trans = current->trans;
-  agent = current->agent;
-  addr = from_units(current->addr, usual_unit);
-  return true;
+  return done;
 }
 
-bool VQuncomp::codec_4_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent,
-                                 unsigned& count) {
-  record_fields fields;
-  if (!get_record(fields)) return false;
-  if (head > tail) return true;
-  enter_context(fields);
-  trans = current->trans;
-  agent = current->agent;
-  addr = from_units(current->addr, unit_with_count(trans));
-  count = fields.repeat;
-  return true;
+std::size_t VQuncomp::codec_4_field_cmp(VQtransaction* transactions, std::size_t size) {
+  std::size_t done = 0;
+  met = obstacle::none;
+  while (done < size && head < startable_end()) {
+    record_fields fields;
+    met = get_record(fields);
+    if (met != obstacle::none) break;
+    enter_context(fields);
+    transactions[done++] = {from_units(current->addr, unit_with_count(current->trans)),
+                            current->agent, fields.repeat, current->trans};
+  }
+  return done;
 }
 
 // velk_reader: text lines by the C library's own scanf, whose corners are the grammar's corners, or
@@ -1256,7 +1281,9 @@ bool scan_line(const char* line, char (&name)[20], long long& addr, int& agent, 
 }  // namespace
 
 velk_reader::velk_reader(FILE* stream, name_parser parser)
-    : file(stream), str2num(parser ? parser : velk_trans_str2num_type1) {
+    : file(stream),
+      str2num(parser ? parser : velk_trans_str2num_type1),
+      usual_names(str2num == velk_trans_str2num_type1) {
   if (!file) return;
   const int first = std::fgetc(file);
   if (first == EOF) return;
@@ -1266,8 +1293,10 @@ velk_reader::velk_reader(FILE* stream, name_parser parser)
 
 velk_reader::~velk_reader() = default;
 
-void velk_reader::require_file() const {
+text_source& velk_reader::text_lines() {
   if (!file) throw VQcomp_error{"No input file open", 0, 0, false};
+  if (!text) text = std::make_unique<text_source>(file);
+  return *text;
 }
 
 // Hands the next chunk of the stream to the decompressor; an empty one is the end of the input.
@@ -1276,19 +1305,25 @@ void velk_reader::feed() {
   uncomp->put(chunk, chunk_len);
 }
 
-bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count) {
-  while (uncomp) {
-    try {
-      uncomp->read(trans, addr, agent, count);
-      return true;
-    } catch (const VQcomp_block&) {
-      feed();
-    } catch (const VQcomp_done&) {
-      uncomp.reset();
-      return false;
-    }
+std::size_t velk_reader::read(VQtransaction* transactions, std::size_t size) {
+  if (!uncomp) return read_lines(transactions, size);
+  try {
+    for (;; feed())
+      if (const std::size_t delivered = uncomp->read(transactions, size)) return delivered;
+  } catch (const VQcomp_done&) {
+    uncomp.reset();
+    return 0;
   }
-  return read_line(trans, addr, agent, count);
+}
+
+bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count) {
+  VQtransaction t;
+  if (read(&t, 1) == 0) return false;
+  trans = t.trans;
+  addr = t.addr;
+  agent = t.agent;
+  count = t.count;
+  return true;
 }
 
 bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent) {
@@ -1296,31 +1331,50 @@ bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent) {
   return read(trans, addr, agent, count);
 }
 
-bool velk_reader::read_line(velk_trans_class& trans, long long& addr, int& agent, unsigned& count) {
-  require_file();
-  ++line_no;
-  char line[longest_line + 1];
-  if (!std::fgets(line, sizeof line, file)) return false;
-  const auto fail = [this](const char* msg) {
-    throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
-  };
-  char name[20];
-  if (!scan_line(line, name, addr, agent, count)) fail("Bad input line");
-  try {
-    trans = str2num(name);
-  } catch (bool) {
-    fail("Unknown transaction");
+std::size_t velk_reader::read_lines(VQtransaction* transactions, std::size_t size) {
+  text_source& lines = text_lines();
+  std::size_t done = 0;
+  for (; done < size && lines.look_ahead(); ++done) {
+    std::size_t length =
+        usual_names ? line_scan::scan_usual_line(lines.at(), transactions[done]) : 0;
+    const char* msg = nullptr;
+    if (length == 0) {
+      const std::string_view line = lines.piece(longest_line);
+      length = line.size();
+      msg = read_any_line(line, transactions[done]);
+      if (msg && done > 0) break;
+    }
+    lines.skip(length);
+    ++line_no;
+    if (msg) throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
   }
-  return true;
+  return done;
+}
+
+// Returns the message of a refusal, or null.
+const char* velk_reader::read_any_line(std::string_view line, VQtransaction& t) const {
+  char copy[longest_line + 1] = {};
+  line.copy(copy, line.size());
+  char name[20];
+  if (!scan_line(copy, name, t.addr, t.agent, t.count)) return "Bad input line";
+  try {
+    t.trans = str2num(name);
+  } catch (bool) {
+    return "Unknown transaction";
+  }
+  return nullptr;
 }
 
 unsigned long long velk_reader::length() { return uncomp ? recorded_length() : count_lines(); }
 
 unsigned long long velk_reader::count_lines() {
-  require_file();
-  for (char piece[longest_counted_piece + 1]; std::fgets(piece, sizeof piece, file); ++line_no)
+  text_source& lines = text_lines();
+  for (;; ++line_no) {
+    const std::string_view piece = lines.piece(longest_counted_piece);
+    if (piece.empty()) return line_no;
     rewind_needed = true;
-  return line_no;
+    lines.skip(piece.size());
+  }
 }
 
 unsigned long long velk_reader::recorded_length() {

@@ -16,15 +16,26 @@
 // ordinary course of things. None of the objects may be used by two threads at once.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 using velk_trans_class = unsigned char;
 
+// The same four values where many are handed over at once.
+struct VQtransaction {
+  long long addr;
+  int agent;
+  unsigned count;
+  velk_trans_class trans;
+};
+
 class checksum;
 class context_list;
+class text_source;
 template <class T>
 class inslist;
 
@@ -152,7 +163,21 @@ std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& o
 // the one that was given has been recorded.
 class VQcomp {
  public:
-  static const char* const FSB_transactions[68];  // names by code
+  // Names by code: eight types without a size, with three sizes and an unknown one; then others.
+  // clang-format off
+  static constexpr const char* FSB_transactions[68] = {
+      "CDRD", "LNWR", "IORD", "IOWR", "MEMRD", "MEMWR", "RDINV", "WRINV",
+      "CDRD16B", "LNWR16B", "IORD16B", "IOWR16B", "MEMRD16B", "MEMWR16B", "RDINV16B", "WRINV16B",
+      "CDRD32B", "LNWR32B", "IORD32B", "IOWR32B", "MEMRD32B", "MEMWR32B", "RDINV32B", "WRINV32B",
+      "CDRD64B", "LNWR64B", "IORD64B", "IOWR64B", "MEMRD64B", "MEMWR64B", "RDINV64B", "WRINV64B",
+      "CDRD?", "LNWR?", "IORD?", "IOWR?", "MEMRD?", "MEMWR?", "RDINV?", "WRINV?",
+      "INT:EOI", "INT:FIXED_LOGL", "INT:FIXED_PHYS", "INT:REDIR_LOGL", "INT:REDIR_PHYS", "INT:RSVD",
+      "INTA", "DEFR_RPLY",
+      "DEFR_REPLY", "RSVD", "BR_TRACE", "IOWR_RSVD", "(null)", "N4_RSVD", "SPL:Flush", "SPL:Halt",
+      "SPL:RSVD", "SPL:SMIAck", "SPL:ShutDwn", "SPL:StClkAk", "SPL:Sync", "SPL:XTPR", "SPL:nop",
+      "SPL",
+      "VXB64B", "VXBNC64B", "WBMTOE64B", "WBMTOS64B"};
+  // clang-format on
   // By `code >> 3`: a transaction spans 8 << shift bytes.
   static constexpr unsigned char trans2line_size[9] = {0, 1, 2, 3, 4, 0, 0, 0, 3};
   // By file type: 0 no header, else the header type.
@@ -188,6 +213,15 @@ class VQcomp {
   // VQcomp_block as told above.
   void record(velk_trans_class trans, long long addr, int agent, unsigned count);
 
+  // Records several, of which it cuts the addresses of deferred replies as the file does. Stops
+  // behind the one that makes a block full, and before one that record() refuses unless that is the
+  // very first, which is refused the same way. Returns the number recorded. Never throws
+  // VQcomp_block: ready() tells of the block, which must be out of the buffer before the next call.
+  std::size_t record(VQtransaction* transactions, std::size_t size);
+
+  // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
+  int ready() const { return used < block_size ? 0 : mark; }
+
   // Closes the file in `buffer` and returns the number of bytes there, all of which the caller must
   // write. For file types 0 and 1 the last four of them are the count trailer: a writer that can
   // seek puts those at offset 3 instead. For types 2 to 5 a writer that can seek rewrites the
@@ -214,29 +248,29 @@ class VQcomp {
   bool aborted = false;  // set by a caller that gives up: the destructor then stays silent
 
  private:
-  using codec_function = const char* (VQcomp::*)(velk_trans_class, long long, int, unsigned);
+  using codec_function = std::size_t (VQcomp::*)(const VQtransaction*, std::size_t);
 
-  // Writers of one record: each returns null, or the message of a refusal.
-  const char* codec_3_field_raw(velk_trans_class trans, long long addr, int agent, unsigned count);
-  const char* codec_3_field_raw_a2(velk_trans_class trans, long long addr, int agent,
-                                   unsigned count);
-  const char* codec_4_field_raw(velk_trans_class trans, long long addr, int agent, unsigned count);
-  const char* codec_4_field_raw_a2(velk_trans_class trans, long long addr, int agent,
-                                   unsigned count);
-  const char* codec_3_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned count);
-  const char* codec_4_field_cmp(velk_trans_class trans, long long addr, int agent, unsigned count);
+  // Writers of records: they write one, and more as long as the block is not full, and return how
+  // many they wrote. The transactions have been checked.
+  std::size_t codec_3_field_raw(const VQtransaction* transactions, std::size_t size);
+  std::size_t codec_3_field_raw_a2(const VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_raw(const VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_raw_a2(const VQtransaction* transactions, std::size_t size);
+  std::size_t codec_3_field_cmp(const VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_cmp(const VQtransaction* transactions, std::size_t size);
   codec_function choose_codec() const;
 
   void put_preamble(PRUV_header_t* header);
-  void hand_out_block();
-  template <int AgentBytes>
-  void put_raw(velk_trans_class trans, long long addr, int agent);
-  void put_raw_count(unsigned count);
+  const char* refusal(VQtransaction& t) const;
+  std::size_t accept(VQtransaction* transactions, std::size_t size) const;
+  void note(const VQtransaction* transactions, std::size_t size);
+  void write_block();
+  template <int AgentBytes, bool Counted>
+  std::size_t put_raw(const VQtransaction* transactions, std::size_t size);
   int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
-  void put_record(velk_trans_class trans, long long unit_addr, int agent, int position,
-                  long long prev);
+  void put_record(const VQtransaction& t, long long unit_addr, int position, long long prev);
   void put_known_context(velk_trans_class trans, long long unit_addr, int position, long long prev);
-  void put_new_context(velk_trans_class trans, long long unit_addr, int agent);
+  void put_new_context(const VQtransaction& t, long long unit_addr);
   void encode_agent_trans(velk_trans_class trans, int agent);
   void put_repeat(unsigned repeat);
   void flushPendingRepeat();
@@ -300,6 +334,11 @@ class VQuncomp {
   // of what follows the bytes that were consumed.
   void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
 
+  // Delivers up to `size` transactions, as many as it can without another chunk, and returns how
+  // many. Returns 0 where the other read() throws VQcomp_block, and throws the rest as that does,
+  // once all transactions before have been delivered.
+  std::size_t read(VQtransaction* transactions, std::size_t size);
+
   // The count of transactions that the preamble tells, -1 when it stands in the trailer. Throws
   // VQcomp_block while preamble bytes are missing.
   long long known_length() const;
@@ -325,37 +364,39 @@ class VQuncomp {
   static char** unpack_strings(const unsigned char*& p, int& left, int& count);
 
  private:
-  using codec_function = bool (VQuncomp::*)(velk_trans_class&, typeaddr&, int&, unsigned&);
+  using codec_function = std::size_t (VQuncomp::*)(VQtransaction*, std::size_t);
   struct record_fields;
-  enum class outcome { transaction, end_of_records, incomplete };
 
-  // Readers of one record, at `head`: true with a transaction, false at the end marker. A record
-  // that is not whole leaves `head` beyond `tail` and changes nothing else.
-  bool codec_3_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool codec_3_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool codec_4_field_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool codec_4_field_raw_a2(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool codec_3_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool codec_4_field_cmp(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  // What stands at `head` when a reader goes no further.
+  enum class obstacle { none, end_of_records, incomplete, bad_trans, bad_context };
+
+  // Readers of records: they deliver those that start before startable_end(), up to `size`, and
+  // return how many. What stopped them is in `met`; `head` is behind an end marker, else at the
+  // start of what could not be read.
+  std::size_t codec_3_field_raw(VQtransaction* transactions, std::size_t size);
+  std::size_t codec_3_field_raw_a2(VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_raw(VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_raw_a2(VQtransaction* transactions, std::size_t size);
+  std::size_t codec_3_field_cmp(VQtransaction* transactions, std::size_t size);
+  std::size_t codec_4_field_cmp(VQtransaction* transactions, std::size_t size);
   codec_function choose_codec() const;
 
-  template <int AgentBytes, bool FourField>
-  bool get_raw(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
-  bool get_record(record_fields& fields);
+  template <int AgentBytes, bool Counted>
+  std::size_t get_raw(VQtransaction* transactions, std::size_t size);
+  obstacle get_record(record_fields& fields);
+  obstacle end_marker(int bytes);
   void enter_context(const record_fields& fields);
-  context* find_context(unsigned long long position);
-  void decode_agent_trans(velk_trans_class& trans, int& agent);
-  template <class Number>
-  Number get_number();
+  std::size_t get_repeats(VQtransaction* transactions, std::size_t size);
+  void decode_agent_trans(const unsigned char*& from, velk_trans_class& trans, int& agent);
 
   unsigned char* at(int position) const { return buffer.get() + position; }
+  int startable_end() const { return finished ? tail : limit; }
   void start_preamble();
   void gather_preamble();
   void finish_preamble();
   void make_buffer(int bytes);
   void take_input(int bytes);
-  void look_ahead();
-  outcome decode(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
+  bool look_ahead();
   void want_more();
   [[noreturn]] void check_end();
   [[noreturn]] void fail(const char* msg, long long byte) const;
@@ -372,8 +413,9 @@ class VQuncomp {
   int tail = 0;                             // end of the valid bytes in `buffer`
   int head = 0;                             // next byte to decode
   int limit = 0;                            // `tail` - `margin` at the latest refill
-  int margin;                  // bytes that must lie ahead to start a record before the end
-  long long record_start = 0;  // file offset of the record that is being decoded
+  int margin;  // bytes that must lie ahead to start a record before the end
+  obstacle met = obstacle::none;
+  int marker_bytes = 0;                  // of the end marker that was met
   const unsigned char* input = nullptr;  // the part of the last chunk not yet taken
   int input_left = 0;
   std::unique_ptr<PRUV_header_t> header;
@@ -426,22 +468,29 @@ class velk_reader {
   virtual bool is_text() const { return !uncomp; }
   virtual bool needs_rewind() const { return rewind_needed; }
 
+  // Delivers up to `size` transactions and returns how many, 0 at the end of the input only. Throws
+  // like the other read(), once all transactions before the fault have been delivered.
+  virtual std::size_t read(VQtransaction* transactions, std::size_t size);
+
  private:
   static constexpr int chunk_size = 1024;
 
-  bool read_line(velk_trans_class& trans, long long& addr, int& agent, unsigned& count);
+  std::size_t read_lines(VQtransaction* transactions, std::size_t size);
+  const char* read_any_line(std::string_view line, VQtransaction& t) const;
   void feed();
   unsigned long long count_lines();
   unsigned long long recorded_length();
   unsigned long long trailing_length();
   std::unique_ptr<PRUV_header_t> recorded_header();
-  void require_file() const;
+  text_source& text_lines();
 
+  std::unique_ptr<text_source> text;
   std::unique_ptr<VQuncomp> uncomp;  // null for text, and behind the end of a QUBIX stream
   FILE* file;
   bool rewind_needed = false;
   unsigned char chunk[chunk_size];  // the last piece of QUBIX input; the decoder points into it
   int chunk_len = 0;                // bytes of it that the last read filled
   name_parser str2num;
+  bool usual_names;                // those that the fast scan of lines knows
   unsigned long long line_no = 0;  // text lines read or counted
 };

@@ -7,11 +7,14 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "coder/line_format.h"
 #include "coder/vqcomp.h"
 #include "fileio/xfopen.h"
 
@@ -398,39 +401,75 @@ bool seek_to_preamble(FILE* out) {
   return std::fseek(out, preamble_offset, SEEK_SET) == 0;
 }
 
-struct transaction {
-  velk_trans_class trans;
-  long long addr;
-  int agent;
-  unsigned count;
+// A run of consecutive transactions of the input, which are handled together.
+class selected_run {
+ public:
+  selected_run(velk_reader& reader, unsigned long long begin, unsigned long long end)
+      : reader_(reader), begin_(begin), end_(end) {}
+
+  // Reads on; false at the end of the input. Throws the reader's VQcomp_error with `closed` set.
+  bool next() {
+    index_ += read_;
+    try {
+      read_ = reader_.read(transactions_, std::size(transactions_));
+    } catch (VQcomp_error& error) {
+      error.closed = true;
+      throw;
+    }
+    return read_ > 0;
+  }
+
+  // Those whose 0-based positions in the input lie in [begin, end).
+  VQtransaction* first() { return transactions_ + from_start(begin_); }
+  VQtransaction* last() { return std::max(first(), transactions_ + from_start(end_)); }
+
+  // The 0-based position of one of them in the input.
+  unsigned long long position(const VQtransaction* t) const {
+    return index_ + static_cast<unsigned long long>(t - transactions_);
+  }
+
+ private:
+  std::size_t from_start(unsigned long long position) const {
+    return position <= index_ ? 0
+                              : std::size_t(std::min<unsigned long long>(position - index_, read_));
+  }
+
+  velk_reader& reader_;
+  unsigned long long begin_, end_;
+  unsigned long long index_ = 0;  // of the first
+  std::size_t read_ = 0;
+  VQtransaction transactions_[256];
 };
 
-// Hands the transactions with the 0-based positions [begin, end) to the compressor and writes the
-// blocks that it announces. All of the input is read. Returns the number recorded; an error of the
-// input, which ends the reading, goes to `input_error`.
+// Hands a run of transactions to the compressor and writes the blocks that become full.
+void record_run(VQcomp& compressor, FILE* out, VQtransaction* first, const VQtransaction* last) {
+  while (first != last) {
+    first += compressor.record(first, std::size_t(last - first));
+    if (const int ready = compressor.ready()) {
+      write_bytes(out, compressor.buffer.get(), ready);
+      compressor.reset_buffer();
+    }
+  }
+}
+
+// Hands the selected transactions to the compressor. All of the input is read. Returns the number
+// recorded; an error of the input, which ends the reading, goes to `input_error`.
 long long record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
                           unsigned long long begin, unsigned long long end,
                           std::optional<VQcomp_error>& input_error) {
-  const auto next = [&](transaction& t) {
+  long long recorded = 0;
+  selected_run run(reader, begin, end);
+  const auto next = [&] {
     try {
-      return reader.read(t.trans, t.addr, t.agent, t.count);
+      return run.next();
     } catch (const VQcomp_error& error) {
       input_error = error;
-      input_error->closed = true;
       return false;
     }
   };
-  long long recorded = 0;
-  transaction t;
-  for (unsigned long long index = 0; next(t); ++index) {
-    if (index < begin || index >= end) continue;
-    ++recorded;
-    try {
-      compressor.record(t.trans, t.addr, t.agent, t.count);
-    } catch (const VQcomp_block& block) {
-      write_bytes(out, compressor.buffer.get(), int(block.bytes));
-      compressor.reset_buffer();
-    }
+  while (next()) {
+    record_run(compressor, out, run.first(), run.last());
+    recorded += run.last() - run.first();
   }
   return recorded;
 }
@@ -494,38 +533,63 @@ void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t*
   if (input_error) throw *input_error;
 }
 
-// Prints the selected transactions as text, one a line in `format`. Throws VQcomp_error, with
-// `closed` set for an error of the input.
-void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
-                       unsigned long long begin, unsigned long long end, const char* format) {
-  transaction t;
-  const auto next = [&] {
-    try {
-      return reader->read(t.trans, t.addr, t.agent, t.count);
-    } catch (VQcomp_error& error) {
-      error.closed = true;
-      throw;
-    }
-  };
-  for (unsigned long long index = 0; next(); ++index) {
-    if (index < begin || index >= end) continue;
-    if (t.trans >= header->trans_name_count)
-      fail_at("Transaction number out of range", static_cast<long long>(index) + 1);
-    if (std::fprintf(out, format, header->trans_names[t.trans],
-                     static_cast<unsigned long long>(t.addr), unsigned(t.agent), t.count) < 0)
-      fail_to_write();
-  }
-}
+// Text lines on their way to the output.
+class text_output {
+ public:
+  text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
+      : out_(out),
+        format_(header.trans_names, header.trans_name_count, with_counts),
+        lines_(std::max(block, 2 * format_.longest_line())) {}
 
-constexpr char three_fields[] = "%10s %08llX %x\n";
-constexpr char four_fields[] = "%10s %08llX %x %u\n";
+  void put(const VQtransaction& t) {
+    if (lines_.size() - used_ < format_.longest_line()) flush();
+    used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
+  }
+
+  void flush() {
+    if (std::fwrite(lines_.data(), 1, used_, out_) != used_) fail_to_write();
+    used_ = 0;
+  }
+
+ private:
+  static constexpr std::size_t block = 1 << 16;
+
+  FILE* out_;
+  line_format format_;
+  std::vector<char> lines_;
+  std::size_t used_ = 0;
+};
+
+// Prints the selected transactions as text, one a line, with their counts if `with_counts`. Throws
+// VQcomp_error, with `closed` set for an error of the input.
+void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
+                       unsigned long long begin, unsigned long long end, bool with_counts) {
+  text_output text(out, *header, with_counts);
+  selected_run run(*reader, begin, end);
+  try {
+    while (run.next()) {
+      const VQtransaction* const last = run.last();
+      for (const VQtransaction* t = run.first(); t != last; ++t) {
+        if (t->trans >= header->trans_name_count)
+          fail_at("Transaction number out of range", static_cast<long long>(run.position(t)) + 1);
+        text.put(*t);
+      }
+    }
+  } catch (const VQcomp_error&) {
+    text.flush();
+    throw;
+  }
+  text.flush();
+}
 
 // Everything between the opening of the streams and their closing. Returns the exit status, or
 // throws VQcomp_error.
 int convert(run_settings& run, stream& in, FILE* out) {
   auto reader = std::make_unique<velk_reader>(in.get(), nullptr);
   const bool text_input = reader->is_text();
-  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(in.get() != stdin));
+  // A count takes a reading of its own: it is made only where it will show.
+  const bool want_count = run.show_metadata || run.version >= first_version_with_header;
+  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count && in.get() != stdin));
   if (reader->needs_rewind()) {
     reader.reset();
     in.reset();
@@ -540,8 +604,7 @@ int convert(run_settings& run, stream& in, FILE* out) {
   header->compression = unsigned(run.compression_flag());
   edit_header(*header, run);
   if (version == -1) {
-    uncompress_stream(reader.get(), out, header.get(), run.begin, run.end,
-                      counts_stored ? four_fields : three_fields);
+    uncompress_stream(reader.get(), out, header.get(), run.begin, run.end, counts_stored);
   } else {
     header->max_contexts = run.max_contexts;
     compress_stream(reader.get(), out, version, header.get(), run.window, run.quiet, run.begin,

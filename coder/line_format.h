@@ -1,0 +1,97 @@
+// Transactions to text lines.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bytes.h"
+#include "vqcomp.h"
+
+// The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline where counts
+// are told. Here the names are laid out once, and the digits of an address are made eight at a
+// time.
+class line_format {
+ public:
+  line_format(const char* const* names, int name_count, bool with_counts)
+      : fields_(std::size_t(name_count)), with_counts_(with_counts) {
+    for (std::size_t i = 0; i < fields_.size(); ++i) {
+      std::string& text = fields_[i].whole;
+      text = std::string(names[i]) + ' ';
+      if (text.size() < name_width) text.insert(0, name_width - text.size(), ' ');
+      text.copy(fields_[i].start, name_copy);
+      longest_name_ = std::max(longest_name_, text.size());
+    }
+  }
+
+  // The most bytes that put() touches.
+  std::size_t longest_line() const { return longest_name_ + rest_of_line; }
+
+  // Writes the line at `to` and returns the position behind it. The code must have a name.
+  char* put(char* to, const VQtransaction& t) const {
+    const name_field& name = fields_[t.trans];
+    const std::size_t size = name.whole.size();
+    std::memcpy(to, name.start, name_copy);
+    if (size > name_copy) std::memcpy(to, name.whole.data(), size);
+    to = put_address(to + size, static_cast<std::uint64_t>(t.addr));
+    *to++ = ' ';
+    to = put_agent(to, unsigned(t.agent));
+    if (with_counts_) {
+      *to++ = ' ';
+      to = std::to_chars(to, to + longest_number, t.count).ptr;
+    }
+    *to++ = '\n';
+    return to;
+  }
+
+ private:
+  static constexpr std::size_t name_width = 10 + 1;  // with the blank behind it
+  static constexpr std::size_t name_copy = 16;       // nearly all names in one go
+  static constexpr int fewest_digits = 8;
+  static constexpr int most_digits = 16;
+  static constexpr int longest_number = 10;
+  static constexpr std::size_t rest_of_line =
+      most_digits + 1 + longest_number + 1 + longest_number + 1;
+
+  struct name_field {
+    char start[name_copy] = {};  // of `whole`, whose size may be less or more
+    std::string whole;
+  };
+
+  // The characters of the eight hexadecimal digits of `value`, the first one lowest.
+  static std::uint64_t hex_digits(std::uint32_t value) {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    std::uint64_t digits = value;
+    digits = (digits << 32 | digits >> 16) & 0x0000FFFF0000FFFF;
+    digits = (digits << 16 | digits >> 8) & 0x00FF00FF00FF00FF;
+    digits = (digits << 8 | digits >> 4) & 0x0F0F0F0F0F0F0F0F;
+    const std::uint64_t letters = (digits + 6 * each) >> 4 & each;
+    return digits + '0' * each + ('A' - '9' - 1) * letters;
+  }
+
+  // Both halves are made always: how many digits there are is hard to foretell.
+  static char* put_address(char* to, std::uint64_t addr) {
+    const int digits = std::max(fewest_digits, (int(std::bit_width(addr)) + 3) / 4);
+    const std::uint64_t left_aligned = addr << 4 * (most_digits - digits);
+    auto* const bytes = reinterpret_cast<unsigned char*>(to);
+    store_le<8>(bytes, hex_digits(std::uint32_t(left_aligned >> 32)));
+    store_le<8>(bytes + 8, hex_digits(std::uint32_t(left_aligned)));
+    return to + digits;
+  }
+
+  static char* put_agent(char* to, unsigned agent) {
+    if (agent < 10) {
+      *to++ = static_cast<char>('0' + agent);
+      return to;
+    }
+    return std::to_chars(to, to + longest_number, agent, 16).ptr;
+  }
+
+  std::vector<name_field> fields_;  // by code
+  bool with_counts_;
+  std::size_t longest_name_ = name_copy;
+};
