@@ -3,20 +3,22 @@
 
 #include <vector>
 
+#include "front_order.h"
 #include "recency_log.h"
 
 // A list of T, index 0 in front, in blocks of 64: whenever its size reaches `max_blocks` of them,
-// the next insertion drops the last 64 elements. The list owns its elements, which never move; a
-// recency_log keeps their order.
+// the next insertion drops the last 64 elements. The list owns its elements, which never move. The
+// first sixteen, which most look-ups want, are ordered by a front_order, the others by a
+// recency_log.
 template <class T>
 class inslist {
  public:
   static constexpr unsigned block_elements = 64;
 
   unsigned max_index = ~0u;         // highest index that lookup() accepts
-  unsigned max_blocks = 0x4000001;  // at least 1
+  unsigned max_blocks = 0x4000001;  // at least 2
 
-  unsigned size() const { return order_.size(); }
+  unsigned size() const { return front_.size() + older_.size(); }
 
   // Puts a copy of `element` at index 0. Returns where it lives until the next insertion.
   T* insert(const T& element) {
@@ -28,7 +30,10 @@ class inslist {
     const unsigned id = free_.back();
     free_.pop_back();
     elements_[id] = element;
-    order_.push(id, [](unsigned, unsigned) {});
+    if (front_.size() < front_order::most)
+      front_ids_[front_.add()] = id;
+    else
+      push_front(id);
     return &elements_[id];
   }
 
@@ -36,22 +41,33 @@ class inslist {
   // Throws a bool, true, when the list holds no such element.
   T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
-    const unsigned slot = order_.slot_at(index);
-    const unsigned id = order_.id(slot);
-    order_.move_to_front(slot, [](unsigned, unsigned) {});
+    if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
+    const unsigned slot = older_.slot_at(index - front_order::most);
+    const unsigned id = older_.id(slot);
+    older_.erase(slot);
+    push_front(id);
     return &elements_[id];
   }
 
  private:
+  // The last of the front goes behind it.
+  void push_front(unsigned id) {
+    unsigned& place = front_ids_[front_.move_to_front(front_order::most - 1)];
+    older_.push(place, [](unsigned, unsigned) {});
+    place = id;
+  }
+
   void drop_block() {
     for (unsigned i = 0; i < block_elements; ++i) {
-      const unsigned slot = order_.back();
-      free_.push_back(order_.id(slot));
-      order_.erase(slot);
+      const unsigned slot = older_.back();
+      free_.push_back(older_.id(slot));
+      older_.erase(slot);
     }
   }
 
-  recency_log order_;
+  front_order front_;
+  unsigned front_ids_[front_order::most];
+  recency_log older_;
   std::vector<T> elements_;     // by id
   std::vector<unsigned> free_;  // ids
 };
