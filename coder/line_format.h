@@ -36,7 +36,7 @@ class line_format {
     const name_field& name = fields_[t.trans];
     const std::size_t size = name.whole.size();
     std::memcpy(to, name.start, name_copy);
-    if (size > name_copy) std::memcpy(to, name.whole.data(), size);
+    if (size > name_copy) name.whole.copy(to, size);
     to = put_address(to + size, static_cast<std::uint64_t>(t.addr));
     *to++ = ' ';
     to = put_agent(to, unsigned(t.agent));

@@ -141,10 +141,24 @@ TEST(Coder, RandomTracesComeBack) {
     }
 }
 
+TEST(Coder, TracesOfManyContextsComeBack) {
+  std::mt19937 random(12);
+  trace transactions;
+  for (int i = 0; i < 200000; ++i)
+    transactions.push_back({28, static_cast<long long>(random() % 80000) << 16, int(random() % 2)});
+  for (const unsigned max_contexts : {0u, 70000u}) {
+    const bytes file = encode(transactions, context1, {.max_contexts = max_contexts});
+    const decoded read = decode(
+        file, [] { return 1024; }, transactions.size());
+    EXPECT_EQ(read.error, "");
+    EXPECT_TRUE(read.transactions == transactions) << "limit " << max_contexts;
+  }
+}
+
 TEST(Coder, ChunksDoNotMatter) {
   std::mt19937 random(5);
   for (const coding c : all_codings) {
-    const trace transactions = random_trace(3, 60, c);
+    const trace transactions = random_trace(3, 40, c);
     const bytes file = encode(transactions, c);
     for (int cut = 5; cut < int(file.size()); ++cut) {
       int next = cut;
@@ -168,7 +182,7 @@ bool is_prefix(const trace& part, const trace& whole) {
 
 TEST(Coder, EveryTruncationIsNoticed) {
   for (const coding c : all_codings) {
-    const trace transactions = random_trace(8, 40, c);
+    const trace transactions = random_trace(8, 25, c);
     const bytes file = encode(transactions, c);
     for (auto end = file.begin(); end != file.end(); ++end)
       for (const int chunk : {1024, 7}) {
@@ -191,7 +205,7 @@ trace with_short_agents(trace transactions) {
 
 TEST(Coder, EveryChangedByteIsNoticedOrHarmless) {
   for (const coding c : all_codings) {
-    const trace transactions = random_trace(8, 40, c);
+    const trace transactions = random_trace(8, 25, c);
     bytes file = encode(transactions, c);
     for (unsigned char& byte : file)
       for (const int change : {0x01, 0x10, 0x80, 0xFF}) {
@@ -409,6 +423,63 @@ TEST(Coder, AStreamGetsTheBytesOfTheBlocks) {
     EXPECT_TRUE(bytes(written, written + size) == encode(transactions, c)) << c;
     std::free(written);
   }
+}
+
+// The calls that take and give many transactions, in helpings of all sizes and mixed with the
+// single ones.
+TEST(Coder, HelpingsDoNotMatter) {
+  std::mt19937 random(9);
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(6, 600, c);
+    const bytes file = encode(transactions, c);
+    for (const unsigned most : {1u, 2u, 7u, 64u, 5000u}) {
+      PRUV_header_t header;
+      header.compression = c.compressed;
+      header.trans_count = static_cast<long long>(transactions.size());
+      VQcomp coder(nullptr, c.version, &header, 84, 65535);
+      bytes written;
+      const auto take = [&](int size) {
+        written.insert(written.end(), coder.buffer.get(), coder.buffer.get() + size);
+        if (size > 0) coder.reset_buffer();
+      };
+      std::vector<VQtransaction> given;
+      for (const transaction& t : transactions)
+        given.push_back({t.addr, t.agent, t.count, t.trans});
+      for (std::size_t done = 0; done < given.size(); take(coder.ready()))
+        done += coder.record(&given[done],
+                             std::min<std::size_t>(1 + random() % most, given.size() - done));
+      unsigned contexts, distance, bits;
+      take(coder.finish(contexts, distance, bits));
+      ASSERT_TRUE(written == file) << c << " in helpings of " << most;
+
+      VQuncomp decoder;
+      trace read;
+      std::vector<VQtransaction> helping(most);
+      auto from = file.begin();
+      const auto read_all = [&] {
+        for (;;) {
+          const std::size_t size = decoder.read(helping.data(), 1 + random() % most);
+          for (std::size_t i = 0; i < size; ++i)
+            read.push_back({helping[i].trans, helping[i].addr, helping[i].agent, helping[i].count});
+          if (size > 0) continue;
+          const auto to = from + std::min<std::ptrdiff_t>(300, file.end() - from);
+          decoder.put(file.data() + (from - file.begin()), int(to - from));
+          from = to;
+        }
+      };
+      EXPECT_THROW(read_all(), VQcomp_done) << c;
+      EXPECT_TRUE(read == transactions) << c << " in helpings of " << most;
+    }
+  }
+}
+
+TEST(Coder, HelpingsEndBeforeARefusedTransaction) {
+  VQcomp coder(nullptr, 1, nullptr, 1024, 65535);
+  coder.aborted = true;
+  VQtransaction given[] = {{8, 0, 1, 0}, {16, 0, 1, 0}, {4, 0, 1, 0}, {24, 0, 1, 0}};
+  EXPECT_EQ(coder.record(given, 4), 2u);
+  EXPECT_EQ(error_of([&] { coder.record(given + 2, 2); }),
+            "Lowest 3 bits of address not 0, at record 3");
 }
 
 TEST(Coder, DestroyingACompressorThatHoldsBytes) {

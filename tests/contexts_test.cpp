@@ -1,6 +1,9 @@
 // The two sides' lists of contexts, against lists that are walked.
 #include <gtest/gtest.h>
 
+#include <ext/pb_ds/assoc_container.hpp>
+#include <ext/pb_ds/tree_policy.hpp>
+
 #include "coder/context_list.h"
 #include "coder/inslist.h"
 #include "support.h"
@@ -69,24 +72,24 @@ const struct {
        return VQcomp::context{below(random, 40000), int(below(random, 2)),
                               velk_trans_class(below(random, 3))};
      },
-     3000},
+     1500},
     {"addresses near one another, several within the window",
      [](auto& random) {
        return VQcomp::context{500000 + below(random, 40) * below(random, 400), 7, 28};
      },
-     3000},
+     1500},
     {"both ends of the address space, where differences are largest",
      [](auto& random) {
        const long long addr = below(random, 20000);
        return VQcomp::context{random() & 1 ? units - 1 - addr : addr, int(below(random, 2)), 4};
      },
-     3000},
+     1500},
     {"multiples of the window and their neighbours",
      [](auto& random) {
        return VQcomp::context{below(random, 30) * 8191 + below(random, 3),
                               int(below(random, 2)) * 65535, 67};
      },
-     3000},
+     1500},
     {"addresses anywhere",
      [](auto& random) {
        return VQcomp::context{static_cast<long long>(random() >> (3 + random() % 50)),
@@ -112,6 +115,34 @@ TEST(ContextList, IsThePlainListForThousandsOfContexts) {
                                  velk_trans_class(page % 3)};
         },
         most, 8191, 12000);
+}
+
+// Too many to walk: a context's position is the number of contexts that were used later.
+TEST(ContextList, PositionsAmongAHundredThousand) {
+  using uses = __gnu_pbds::tree<int, __gnu_pbds::null_type, std::less<>, __gnu_pbds::rb_tree_tag,
+                                __gnu_pbds::tree_order_statistics_node_update>;
+  for (const unsigned most : {70000u, ~0u}) {
+    std::mt19937 random(most);
+    context_list tested(most, 8);
+    uses times;                           // of the latest use of each context held
+    std::vector<int> latest(100000, -1);  // by context; -1: not held
+    std::vector<std::size_t> used;        // the context, by time
+    for (int time = 0; time < 150000; ++time) {
+      const std::size_t context = random() % latest.size();
+      const int before = latest[context];
+      const int position = before < 0 ? -1 : int(times.size() - 1 - times.order_of_key(before));
+      const auto addr = static_cast<long long>(context) * 1000;
+      long long prev;
+      ASSERT_EQ(tested.touch({addr, int(context % 7), 28}, prev), position) << time;
+      if (before >= 0) times.erase(before);
+      times.insert(latest[context] = time);
+      used.push_back(context);
+      if (times.size() <= most) continue;
+      latest[used[std::size_t(*times.begin())]] = -1;
+      times.erase(times.begin());
+    }
+    EXPECT_EQ(tested.size(), times.size());
+  }
 }
 
 // Inserts and lookups at random, of which some hit the blocks' borders. The oldest 64 elements go

@@ -85,18 +85,16 @@ struct decoded {
   std::string error;  // empty: the file ended well
 };
 
-// A damaged repeat count stands for billions of transactions; no test has that many.
-constexpr std::size_t most_transactions = 1 << 14;
-
-// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
+// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it. A
+// damaged repeat count stands for billions of transactions, of which `most` are taken.
 template <class NextSize>
-decoded decode(const bytes& file, NextSize next_size) {
+decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
   auto from = file.begin();
   try {
-    while (result.transactions.size() < most_transactions) {
+    while (result.transactions.size() <= most) {
       try {
         transaction t;
         decoder.read(t.trans, t.addr, t.agent, t.count);
