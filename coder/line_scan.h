@@ -18,7 +18,7 @@
 // hundreds of nanoseconds a line, and all of its corners (signs, prefixes, tabs, numbers that run
 // over, fields that run into each other) are legal. Here a line is taken only if it ends within 64
 // bytes and consists of fields that are separated by blanks: a name of the table, an address of at
-// most 16 hexadecimal digits, an agent of at most 8 and possibly a count of at most 9 decimal ones.
+// most 16 hexadecimal digits, an agent of at most 8 and possibly a count of at most 8 decimal ones.
 // Whatever follows behind a blank is ignored, as in the plain form, which takes all other lines.
 namespace line_scan {
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iterator>
@@ -55,12 +56,15 @@ constexpr int longest_record =
     1 + 1 + stop_bit_bytes(upper_address_bits) + 1 + 1 + stop_bit_bytes(16);
 constexpr int longest_with_repeat = longest_record + longest_repeat;
 constexpr int longest_end = int(sizeof end_of_contexts) + checksum_bytes + trailer_bytes;
-constexpr std::size_t step = 64;  // transactions that the compressor checks ahead of coding them
-constexpr unsigned most_repeats = UINT_MAX;
 constexpr int spare_bytes = 28;   // of the compressor's buffer, beyond the block size
 constexpr int usual_margin = 20;  // a record is started only with more bytes than this ahead
 static_assert(longest_with_repeat <= spare_bytes && longest_repeat + longest_end <= spare_bytes);
 static_assert(longest_with_repeat <= usual_margin + 1 && longest_end <= usual_margin);
+
+// The compressor takes transactions in steps of this many, and starts a new record when the number
+// of repeats would no longer fit.
+constexpr std::size_t step = 64;
+constexpr unsigned most_repeats = UINT_MAX;
 
 // The numbers that one damaged record may hold, each stopped by a guard byte at the latest.
 constexpr int guard_bytes = 6;
@@ -68,6 +72,7 @@ constexpr int smallest_capacity = 1045;  // one chunk of 1024 bytes and what was
 constexpr int longest_damaged_record = 1 << 24;
 
 constexpr char ends_early[] = "QUBIX file ends prematurely";
+constexpr char too_long[] = "Record too long";
 constexpr char cannot_write[] = "Can't write output";
 
 // Text input: velk(5).
@@ -701,6 +706,7 @@ void VQcomp::note(const VQtransaction* transactions, std::size_t size) {
 // is a short loop, and what is checked in vain when a block becomes full does not matter.
 std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
   std::size_t done = 0;
+  if (size == 0) return done;
   do {
     const std::size_t accepted = accept(transactions + done, std::min(size - done, step));
     if (accepted == 0) {
@@ -1032,8 +1038,8 @@ bool VQuncomp::look_ahead() {
 // record are not read over and over.
 void VQuncomp::want_more() {
   if (finished) fail("Input ends early", base + tail);
+  if (tail - head > longest_damaged_record) fail(too_long, base + head);
   margin = 2 * (tail - head);
-  if (margin > longest_damaged_record) fail("Record too long", base + head);
   limit = head;
 }
 
@@ -1056,6 +1062,8 @@ std::size_t VQuncomp::read(VQtransaction* transactions, std::size_t size) {
         fail("Transaction number out of range", base + head);
       case obstacle::bad_context:
         fail("Context number too high", base + head);
+      case obstacle::too_long:
+        fail(too_long, base + head);
       default:
         want_more();
     }
@@ -1094,6 +1102,7 @@ void VQuncomp::check_end() {
 // An end marker, which counts only when what check_end() looks at has come, too.
 VQuncomp::obstacle VQuncomp::end_marker(int bytes) {
   constexpr int looked_at = checksum_bytes + trailer_bytes + 1;
+  if (bytes > longest_damaged_record) return obstacle::too_long;
   const int behind = tail - head - bytes;
   if (behind < 0 || (!finished && behind < looked_at)) return obstacle::incomplete;
   marker_bytes = bytes;
@@ -1191,6 +1200,8 @@ VQuncomp::obstacle VQuncomp::get_record(record_fields& fields) {
   obstacle found = obstacle::none;
   if (from > at(tail))
     found = obstacle::incomplete;
+  else if (from - at(head) > longest_damaged_record)
+    found = obstacle::too_long;
   else if (!fields.is_new && fields.position > 0 && fields.position >= contexts->size())
     found = obstacle::bad_context;
   else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
@@ -1348,6 +1359,7 @@ std::size_t velk_reader::read_lines(VQtransaction* transactions, std::size_t siz
     ++line_no;
     if (msg) throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
   }
+  if (done == 0) ++line_no;  // the failed attempt at the end counts, too
   return done;
 }
 

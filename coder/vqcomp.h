@@ -87,7 +87,8 @@ struct sensitivity_point_t {
 
 // The metadata of one trace. File types 2 and 3 store it as header type 1, types 4 and 5 as header
 // type 2, which keeps the totals in 64 bits and adds the fields marked [2]. The widths in brackets
-// are those of the file; the encoder refuses values that do not fit. qubix(5).
+// are those of the file; the encoder refuses values that do not fit, except that header type 1 cuts
+// off all totals once one of them is negative. qubix(5).
 //
 // The record owns its arrays and strings: all are allocated with array new and freed by the
 // destructor. It is handled through a pointer and never copied.
@@ -195,28 +196,32 @@ class VQcomp {
   // limit alone. `size`, 84 to 65536, is the fill level in bytes at which a block is handed out.
   // `window` is the distance in bytes, less than which an address may lie from a context's latest
   // to be coded against it; it is rounded down to 8-byte units, so that below 8 nothing matches.
+  // (Where four-field files count the addresses of deferred replies in units of 64 KiB, it is the
+  // same number of those.)
   // Throws VQcomp_error, without positions, for arguments out of range and headers that cannot be
   // encoded.
   VQcomp(FILE* out, int version, PRUV_header_t* header, int size, long long window);
 
-  // Writes what is left when there is a stream. Throws VQcomp_error "Compressor killed with output
-  // remaining" (record: the transactions recorded) when there is none, unless the buffer is empty,
-  // `aborted` is set or another exception is on its way.
+  // Writes what is left when there is a stream, and throws VQcomp_error "Can't write output" when
+  // that fails. Throws "Compressor killed with output remaining" when there is none and the buffer
+  // is not empty. Both carry the number of transactions as `record`. Throws nothing when `aborted`
+  // is set or another exception is on its way.
   ~VQcomp() noexcept(false);
 
   VQcomp(const VQcomp&) = delete;
   VQcomp& operator=(const VQcomp&) = delete;
 
-  // Records one transaction. Throws VQcomp_error with the 1-based number of this call as `record`:
-  // "Transaction out of range", "Lowest 3 bits of address not 0", "Agent ID too big for this
-  // version", or the stream's "Can't write output"; the refused transaction is not coded. Throws
+  // Records one transaction. Throws VQcomp_error with its 1-based number as `record`: "Transaction
+  // out of range", "Lowest 3 bits of address not 0" and "Agent ID too big for this version" for one
+  // that is refused and not coded; "Can't write output" when a stream does not take a block. Throws
   // VQcomp_block as told above.
   void record(velk_trans_class trans, long long addr, int agent, unsigned count);
 
   // Records several, of which it cuts the addresses of deferred replies as the file does. Stops
   // behind the one that makes a block full, and before one that record() refuses unless that is the
-  // very first, which is refused the same way. Returns the number recorded. Never throws
-  // VQcomp_block: ready() tells of the block, which must be out of the buffer before the next call.
+  // very first, which is refused the same way. Returns the number recorded, at least 1 if `size`
+  // is. Throws as the other record() does, except for VQcomp_block: ready() tells of the block,
+  // which must be out of the buffer before the next call.
   std::size_t record(VQtransaction* transactions, std::size_t size);
 
   // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
@@ -283,7 +288,7 @@ class VQcomp {
   long long window;             // in 8-byte units
   unsigned max_contexts;        // 0xFFFFFFFF: no limit
   unsigned pending_repeat = 0;  // repeats of the latest record that are not yet written
-  long long record_count = 0;   // record() calls so far
+  long long record_count = 0;   // transactions recorded or refused so far
   int block_size;               // fill level at which a block is handed out
   int used;                     // bytes in `buffer`
   int mark;                     // the latest record's first byte; all before it is final
@@ -306,9 +311,9 @@ class VQcomp {
 
 // Decodes one QUBIX file that is handed over in chunks. The owner calls read(); when that throws
 // VQcomp_block, it hands over the next chunk with put() and calls again; VQcomp_done is the end of
-// a good file. After a VQcomp_error the object may only be destroyed. Its transactions do not
+// a good file. After a VQcomp_error the object may only be destroyed. What it delivers does not
 // depend on how the file is cut into chunks; the byte position of "QUBIX file ends prematurely"
-// behind an end marker is the one thing that does.
+// behind an end marker, which is that of the buffer's first byte, is the one thing that does.
 class VQuncomp {
  public:
   using typeaddr = long long;
@@ -330,13 +335,17 @@ class VQuncomp {
   void put(const unsigned char* data, int len);
 
   // Delivers the next transaction. Throws VQcomp_block, VQcomp_done, or VQcomp_error with the
-  // 1-based number of the transaction and a byte offset: of the record for faults inside one, else
-  // of what follows the bytes that were consumed.
+  // 1-based number of the transaction and a byte offset. Inside a record, with its offset:
+  // "Transaction number out of range", "Context number too high" and, above 16 MiB, which only
+  // numbers with useless bytes can make, "Record too long". Behind the end marker, with the offset
+  // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum", "Bad transaction
+  // count", "Extra data follows good checksum -- file is bad?". Where the file ends without an end
+  // marker, with its size: "Input ends early".
   void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
 
-  // Delivers up to `size` transactions, as many as it can without another chunk, and returns how
-  // many. Returns 0 where the other read() throws VQcomp_block, and throws the rest as that does,
-  // once all transactions before have been delivered.
+  // Delivers up to `size` (1 or more) transactions, as many as it can without another chunk, and
+  // returns how many. Returns 0 where the other read() throws VQcomp_block, and throws the rest as
+  // that does, once all transactions before have been delivered.
   std::size_t read(VQtransaction* transactions, std::size_t size);
 
   // The count of transactions that the preamble tells, -1 when it stands in the trailer. Throws
@@ -368,7 +377,7 @@ class VQuncomp {
   struct record_fields;
 
   // What stands at `head` when a reader goes no further.
-  enum class obstacle { none, end_of_records, incomplete, bad_trans, bad_context };
+  enum class obstacle { none, end_of_records, incomplete, too_long, bad_trans, bad_context };
 
   // Readers of records: they deliver those that start before startable_end(), up to `size`, and
   // return how many. What stopped them is in `met`; `head` is behind an end marker, else at the
@@ -450,11 +459,14 @@ class velk_reader {
   velk_reader& operator=(const velk_reader&) = delete;
 
   // The input's header, which belongs to the caller; for text a default one. With `want_count`, a
-  // total that the preamble does not tell is counted with length().
+  // total that the preamble does not tell is counted with length(). Throws what VQuncomp::put() and
+  // length() throw.
   virtual PRUV_header_t* pruv_header(bool want_count);
 
   // The number of transactions in the input. May consume the input, and then sets needs_rewind().
-  // Text is counted by lines, in pieces of at most 98 characters, and not parsed.
+  // Text is counted by lines, in pieces of at most 98 characters, and not parsed. Throws
+  // VQcomp_error, without positions, "No input file open" and "Error reading length from QUBIX",
+  // and what VQuncomp::put() throws.
   virtual unsigned long long length();
 
   // Delivers the next transaction; false at the end of the input. `count` is 1 where the input
@@ -468,7 +480,7 @@ class velk_reader {
   virtual bool is_text() const { return !uncomp; }
   virtual bool needs_rewind() const { return rewind_needed; }
 
-  // Delivers up to `size` transactions and returns how many, 0 at the end of the input only. Throws
+  // Delivers up to `size` (1 or more) transactions and returns how many, 0 at the end only. Throws
   // like the other read(), once all transactions before the fault have been delivered.
   virtual std::size_t read(VQtransaction* transactions, std::size_t size);
 

@@ -294,6 +294,7 @@ std::optional<int> refuse_impossible(const run_settings& run, FILE* out) {
 }
 
 // Metadata: what the options do to the header of the input before it becomes that of the output.
+// From here to report(), everything may throw VQcomp_error.
 
 [[noreturn]] void fail_at(const char* msg, long long record) {
   throw VQcomp_error{msg, record, 0, false};

@@ -5,12 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cassert>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#undef NDEBUG  // the one assertion here is worth its time in every build
+#include <cassert>
 
 namespace {
 
@@ -31,8 +34,8 @@ std::unique_ptr<pfile>& find_pfile(FILE* fp) {
 }
 
 // A stream that is in the list was closed behind our back.
-FILE* checked_new([[maybe_unused]] FILE* fp) {
-  for ([[maybe_unused]] const std::unique_ptr<pfile>* pfp = &pfiles; *pfp; pfp = &(*pfp)->next)
+FILE* checked_new(FILE* fp) {
+  for (const std::unique_ptr<pfile>* pfp = &pfiles; *pfp; pfp = &(*pfp)->next)
     assert((*pfp)->fp != fp);
   return fp;
 }
@@ -104,7 +107,7 @@ FILE* open_pipe(const char* const argv[], bool reading, const descriptor& file) 
 bool has(const char* mode, char letter) { return std::strchr(mode, letter) != nullptr; }
 
 FILE* open_command(const std::string& command, const char* mode) {
-  const char* const argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  const char* const argv[] = {"/bin/sh", "-c", "--", command.c_str(), nullptr};
   return open_pipe(argv, has(mode, 'r'), descriptor(-1));
 }
 
