@@ -84,7 +84,7 @@ class encoder {
   void finish() {
     flush_repeats();
     for (int i = 0; i < 4; ++i) fold(0u);
-    for (const unsigned char byte : {0x30, 0x00, 0x80}) bytes_.push_back(byte);
+    bytes_.insert(bytes_.end(), {0x30, 0x00, 0x80});
     for (int shift = 24; shift >= 0; shift -= 8)
       bytes_.push_back(static_cast<unsigned char>(crc >> shift));
     write(bytes_.size());

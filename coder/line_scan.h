@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -245,6 +246,21 @@ inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
     if (!scan_count(line + count, line + count_end, t.count)) return 0;
   }
   return line_end + 1;
+}
+
+// Takes lines from `at` on, up to `size`, as long as they are of the usual shape and start before
+// `end`. Moves `at` behind them and returns how many they are.
+inline std::size_t scan_usual_lines(const char*& at, const char* end, VQtransaction* to,
+                                    std::size_t size) {
+  const char* line = at;
+  std::size_t done = 0;
+  for (; done < size && line < end; ++done) {
+    const unsigned length = scan_usual_line(line, to[done]);
+    if (length == 0) break;
+    line += length;
+  }
+  at = line;
+  return done;
 }
 
 }  // namespace line_scan

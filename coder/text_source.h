@@ -20,6 +20,9 @@ class text_source {
   static constexpr std::size_t readable_before = 16;
 
   const char* at() const { return at_; }
+  // A line that starts before this is there as a whole, if it has no more than `readable` bytes.
+  const char* whole_before() const { return ended_ ? end_ : end_ - readable + 1; }
+  void skip_to(const char* to) { at_ = to; }
   void skip(std::size_t bytes) { at_ += bytes; }
 
   // Sees to it that `readable` bytes of text are ahead, or all that are left. Returns false when

@@ -1345,19 +1345,23 @@ bool velk_reader::read(velk_trans_class& trans, long long& addr, int& agent) {
 std::size_t velk_reader::read_lines(VQtransaction* transactions, std::size_t size) {
   text_source& lines = text_lines();
   std::size_t done = 0;
-  for (; done < size && lines.look_ahead(); ++done) {
-    std::size_t length =
-        usual_names ? line_scan::scan_usual_line(lines.at(), transactions[done]) : 0;
-    const char* msg = nullptr;
-    if (length == 0) {
-      const std::string_view line = lines.piece(longest_line);
-      length = line.size();
-      msg = read_any_line(line, transactions[done]);
-      if (msg && done > 0) break;
+  while (done < size && lines.look_ahead()) {
+    if (usual_names) {
+      const char* at = lines.at();
+      const std::size_t usual =
+          line_scan::scan_usual_lines(at, lines.whole_before(), transactions + done, size - done);
+      lines.skip_to(at);
+      line_no += usual;
+      done += usual;
+      if (usual > 0) continue;
     }
-    lines.skip(length);
+    const std::string_view line = lines.piece(longest_line);
+    const char* const msg = read_any_line(line, transactions[done]);
+    if (msg && done > 0) break;
+    lines.skip(line.size());
     ++line_no;
     if (msg) throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
+    ++done;
   }
   if (done == 0) ++line_no;  // the failed attempt at the end counts, too
   return done;
