@@ -812,21 +812,23 @@ int VQcomp::cam_context(velk_trans_class trans, long long unit_addr, int agent, 
 // the address `prev`.
 void VQcomp::put_known_context(velk_trans_class trans, long long unit_addr, int position,
                                long long prev) {
-  unsigned char& head = *at(used);
-  if (position <= last_short_position) {
-    put_byte(unsigned(position) << position_shift);
-  } else {
-    put_byte(numbered_context);
-    put_number(unsigned(position - last_short_position));
+  unsigned char* const head = at(used);
+  unsigned char* to = head + 1;
+  unsigned fields = unsigned(position) << position_shift;
+  if (position > last_short_position) {
+    fields = numbered_context;
+    to = put_stop_bit(to, unsigned(position - last_short_position));
   }
   const int shift = size_class(trans);
   const long long lines = (unit_addr >> shift) - (prev >> shift);
   if (is_aligned(unit_addr, shift) && std::abs(lines) <= largest_short_delta) {
-    head |= lines & 0xF;
+    fields |= lines & 0xF;
   } else {
-    head |= long_delta;
-    used = int(put_signed_stop_bit(at(used), unit_addr - prev) - buffer.get());
+    fields |= long_delta;
+    to = put_signed_stop_bit(to, unit_addr - prev);
   }
+  *head = static_cast<unsigned char>(fields);
+  used = int(to - buffer.get());
 }
 
 void VQcomp::put_new_context(const VQtransaction& t, long long unit_addr) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "coder/line_format.h"
@@ -276,8 +277,9 @@ std::optional<int> open_streams(const run_settings& run, stream& in, stream& out
   if (!in) return refuse("Can't open input file");
   out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
   if (!out) return refuse("Can't open output file");
-  // A compressor or command that ends early is a failed write; a closed standard output ends the
-  // program quietly.
+  // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
+  // standard output ends the program quietly.
+  std::signal(SIGXFSZ, SIG_IGN);
   if (out.get() != stdout) std::signal(SIGPIPE, SIG_IGN);
   return std::nullopt;
 }
@@ -547,9 +549,10 @@ class text_output {
     used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
   }
 
+  // What could not be written is not tried again.
   void flush() {
-    if (std::fwrite(lines_.data(), 1, used_, out_) != used_) fail_to_write();
-    used_ = 0;
+    const std::size_t size = std::exchange(used_, 0);
+    if (std::fwrite(lines_.data(), 1, size, out_) != size) fail_to_write();
   }
 
  private:

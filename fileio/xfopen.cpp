@@ -78,7 +78,7 @@ pid_t spawn(const char* const argv[], const descriptor& input, const descriptor&
   posix_spawnattr_init(&attributes);
   sigset_t defaults;
   sigemptyset(&defaults);
-  sigaddset(&defaults, SIGPIPE);
+  for (const int ignored_here : {SIGPIPE, SIGXFSZ}) sigaddset(&defaults, ignored_here);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   pid_t process = 0;

@@ -22,6 +22,11 @@ setup() {
   [ "${lines[-1]}" = "Can't write output" ]
 }
 
+@test "a limit on the size of files" {
+  run -255 bash -c 'ulimit -f 4; "$VQPACK" -q -v 0 "$SAMPLES/sort.velk" limited'
+  [ "$output" = "Can't write output" ]
+}
+
 @test "standard output is full or closed" {
   run -255 bash -c '"$VQPACK" file >/dev/full'
   [ "$output" = "Can't write output" ]
