@@ -52,7 +52,7 @@ std::vector<unsigned char> to_qubix(std::vector<VQtransaction> trace) {
 }
 
 void count_items(benchmark::State& state, std::size_t items) {
-  state.SetItemsProcessed(static_cast<long long>(state.iterations() * items));
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(items));
 }
 
 void scan(benchmark::State& state) {
