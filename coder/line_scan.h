@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
-#ifdef __SSE2__
+#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
 #include <emmintrin.h>
 #endif
 
@@ -33,7 +33,7 @@ struct byte_marks {
   std::uint64_t controls;
 };
 
-#ifdef __SSE2__
+#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
 
 inline byte_marks mark_16(const char* from) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
@@ -80,7 +80,7 @@ inline constexpr auto hex_values = [] {
 }();
 
 // Takes a number of 1 to 16 hexadecimal digits that ends at `end`; false if there is anything else.
-#ifdef __SSE2__
+#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
 
 inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
   static constexpr auto last_bytes = [] {
