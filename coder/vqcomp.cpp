@@ -81,6 +81,10 @@ constexpr int longest_counted_piece = 98;  // the same when lines are only count
 
 constexpr velk_trans_class last_trans = std::size(VQcomp::FSB_transactions) - 1;
 
+[[noreturn]] void fail_outside_records(const char* msg, long long byte = 0) {
+  throw VQcomp_error{msg, 0, byte, false};
+}
+
 bool is_deferred_reply(velk_trans_class trans) { return trans == 47 || trans == 48; }
 
 // The shift from 8-byte units to the lines that transactions of a type span. Codes beyond the
@@ -285,20 +289,16 @@ std::size_t encoded_size(const PRUV_header_t& h, bool type_2) {
   return size;
 }
 
-[[noreturn]] void refuse_header(const char* msg, long long byte = 0) {
-  throw VQcomp_error{msg, 0, byte, false};
-}
-
 // Values that this system defines but cannot encode.
 void refuse_unsupported(const PRUV_header_t& h, bool type_2) {
-  if (h.trans_set) refuse_header("Non-zero transaction set number unsupported now");
+  if (h.trans_set) fail_outside_records("Non-zero transaction set number unsupported now");
   if (h.capture_point || h.gen_method || h.address_properties)
-    refuse_header(
+    fail_outside_records(
         "Non-zero trace characteristics (capture point, gen. method, address properties "
         "unsupported now");
   // One negative total makes the whole sum of bits negative and passes.
   if (!type_2 && (h.trans_count | h.inst_count | h.cycle_count) > 0xFFFFFFFFll)
-    refuse_header("Given trans/inst/cycle count too large for this header type");
+    fail_outside_records("Given trans/inst/cycle count too large for this header type");
 }
 
 // Values wider than their field would be stored cut off, under a CRC of the whole value.
@@ -321,12 +321,12 @@ void refuse_wide(const PRUV_header_t& h, std::size_t size) {
       {size > longest_header, "PRUV header: comment and lists above 65535 bytes"},
   };
   for (const auto& check : checks)
-    if (check.wide) refuse_header(check.msg);
+    if (check.wide) fail_outside_records(check.msg);
   for (int i = 0; i < h.sensitivity_count; ++i) {
     if (h.sensitivity[i].config_type > 0xFF)
-      refuse_header("PRUV header: sensitivity configuration type above 255");
+      fail_outside_records("PRUV header: sensitivity configuration type above 255");
     if (h.sensitivity[i].mlc_size > 0xFFFF)
-      refuse_header("PRUV header: sensitivity MLC size above 65535");
+      fail_outside_records("PRUV header: sensitivity MLC size above 65535");
   }
 }
 
@@ -413,7 +413,7 @@ unsigned VQcomp::pruv_header_size_and_crc(const PRUV_header_t& header, int& size
   const int type = header.version >= 0 && header.version <= last_version
                        ? hdr_type_for_version[header.version]
                        : 0;
-  if (type != 1 && type != 2) refuse_header("Internal error: header type corrupted");
+  if (type != 1 && type != 2) fail_outside_records("Internal error: header type corrupted");
   size = int(std::min<std::size_t>(encoded_size(header, type == 2), INT_MAX));
   return image_crc(header, type == 2);
 }
@@ -428,7 +428,8 @@ unsigned char* VQcomp::pruv_header_struct_to_bytes(PRUV_header_t& header, int& s
   size = counted + size_field;
   auto bytes = std::make_unique<unsigned char[]>(std::size_t(size));
   const unsigned char* const end = put_header(bytes.get(), header, type_2, counted, crc);
-  if (end != bytes.get() + size) refuse_header("Internal error: PRUV header size miscounted");
+  if (end != bytes.get() + size)
+    fail_outside_records("Internal error: PRUV header size miscounted");
   return bytes.release();
 }
 
@@ -442,7 +443,7 @@ struct header_cursor {
   long long end_offset;
 
   void need(int bytes) const {
-    if (left < bytes) refuse_header(ends_early, end_offset);
+    if (left < bytes) fail_outside_records(ends_early, end_offset);
   }
   template <int Bytes>
   unsigned long long get() {
@@ -511,7 +512,7 @@ int string_bytes(const unsigned char* at, int left) {
 
 void get_comment(header_cursor& from, PRUV_header_t& h) {
   const int bytes = string_bytes(from.at, from.left);
-  if (bytes == 0) refuse_header(ends_early, from.end_offset);
+  if (bytes == 0) fail_outside_records(ends_early, from.end_offset);
   if (bytes > 1) {
     h.comment = make_owned<char>(bytes);
     std::memcpy(h.comment, from.at, std::size_t(bytes));
@@ -530,7 +531,7 @@ void get_expansion(header_cursor& from, PRUV_header_t& h) {
         h.max_contexts = from.word<4>();
         break;
       default:
-        refuse_header("Unknown expansion field in PRUV header", tag_offset);
+        fail_outside_records("Unknown expansion field in PRUV header", tag_offset);
     }
   }
 }
@@ -565,19 +566,19 @@ PRUV_header_t* VQuncomp::pruv_header_bytes_to_struct(const unsigned char* bytes,
     get_comment(from, *header);
     get_expansion(from, *header);
   }
-  if (from.left > 0) refuse_header("Unknown junk at end of PRUV header", from.end_offset);
+  if (from.left > 0) fail_outside_records("Unknown junk at end of PRUV header", from.end_offset);
 
   // The size fails where the fields could have been encoded in fewer bytes.
   int size;
   if (VQcomp::pruv_header_size_and_crc(*header, size) != stored_crc || size != length)
-    refuse_header("PRUV header has bad CRC", offset + fixed_bytes - crc_bytes);
+    fail_outside_records("PRUV header has bad CRC", offset + fixed_bytes - crc_bytes);
   return header.release();
 }
 
 short* VQuncomp::unpack_shorts(const unsigned char*& p, int& left, int& count) {
-  if (left < 1) refuse_header(ends_early);
+  if (left < 1) fail_outside_records(ends_early);
   const int listed = *p;
-  if (left < 2 * listed + 1) refuse_header(ends_early);
+  if (left < 2 * listed + 1) fail_outside_records(ends_early);
   ++p;
   left -= 2 * listed + 1;
   count = listed;
@@ -588,12 +589,12 @@ short* VQuncomp::unpack_shorts(const unsigned char*& p, int& left, int& count) {
 }
 
 char** VQuncomp::unpack_strings(const unsigned char*& p, int& left, int& count) {
-  if (left < 1) refuse_header(ends_early);
+  if (left < 1) fail_outside_records(ends_early);
   std::vector<std::unique_ptr<char[]>> strings(*p++);
   --left;
   for (auto& string : strings) {
     const int bytes = string_bytes(p, left);
-    if (bytes == 0) refuse_header(ends_early);
+    if (bytes == 0) fail_outside_records(ends_early);
     string.reset(make_owned<char>(bytes));
     std::memcpy(string.get(), p, std::size_t(bytes));
     p += bytes;
@@ -619,8 +620,9 @@ VQcomp::VQcomp(FILE* out_stream, int file_type, PRUV_header_t* header, int size,
       crc(std::make_unique<checksum>()),
       version(file_type),
       exceptions_at_birth(std::uncaught_exceptions()) {
-  if (size < 84 || size > 65536) refuse_header("Size too large or too small");
-  if (version < 0 || version > last_version) refuse_header("Illegal version number (must be 0-5)");
+  if (size < 84 || size > 65536) fail_outside_records("Size too large or too small");
+  if (version < 0 || version > last_version)
+    fail_outside_records("Illegal version number (must be 0-5)");
   four_field = version == 3 || version == 5;
   compressed = version != 0;
   wide_agents = version > 3;
@@ -634,7 +636,7 @@ void VQcomp::put_preamble(PRUV_header_t* header) {
   std::unique_ptr<unsigned char[]> encoded;
   hdr_len = sizeof unknown_count;
   if (hdr_type != 0) {
-    if (!header) refuse_header("Versions 2 and higher require PRUV header");
+    if (!header) fail_outside_records("Versions 2 and higher require PRUV header");
     compressed = header->compression != 0;
     header->version = version;
     header->drop_trans_names();
@@ -931,11 +933,12 @@ void VQuncomp::put(const unsigned char* data, int len) {
 
 void VQuncomp::start_preamble() {
   if (input_left < size_field + preamble_offset)
-    refuse_header("Not enough in first block for header");
+    fail_outside_records("Not enough in first block for header");
   if (std::memcmp(input, magic, sizeof magic) != 0)
-    refuse_header("No magic number; is this a QUBIX?");
+    fail_outside_records("No magic number; is this a QUBIX?");
   version = input[version_offset];
-  if (version > last_version) refuse_header("Input has bad version (must be 0-5)", version_offset);
+  if (version > last_version)
+    fail_outside_records("Input has bad version (must be 0-5)", version_offset);
   compressed = version == 1;
   four_field = version == 3 || version == 5;
   wide_agents = version > 3;
@@ -944,7 +947,8 @@ void VQuncomp::start_preamble() {
   base = preamble_offset;
   if (hdr_type != 0) {
     header_left = int(load_le<size_field>(input + preamble_offset));
-    if (header_left < shortest_header) refuse_header(ends_early, preamble_offset + header_left);
+    if (header_left < shortest_header)
+      fail_outside_records(ends_early, preamble_offset + header_left);
     base += size_field;
   }
   make_buffer(std::max(smallest_capacity, header_left + 1));
@@ -1307,7 +1311,7 @@ velk_reader::velk_reader(FILE* stream, name_parser parser)
 velk_reader::~velk_reader() = default;
 
 text_source& velk_reader::text_lines() {
-  if (!file) throw VQcomp_error{"No input file open", 0, 0, false};
+  if (!file) fail_outside_records("No input file open");
   if (!text) text = std::make_unique<text_source>(file);
   return *text;
 }
@@ -1411,7 +1415,7 @@ unsigned long long velk_reader::trailing_length() {
   unsigned char trailer[trailer_bytes];
   if (std::fseek(file, -trailer_bytes, SEEK_END) == 0) {
     if (std::fread(trailer, 1, sizeof trailer, file) != sizeof trailer)
-      throw VQcomp_error{"Error reading length from QUBIX", 0, 0, false};
+      fail_outside_records("Error reading length from QUBIX");
   } else {
     while (chunk_len == chunk_size) chunk_len = int(std::fread(chunk, 1, sizeof chunk, file));
     // Behind the end of a short chunk stands the end of the chunk before it.

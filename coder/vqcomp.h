@@ -380,8 +380,7 @@ class VQuncomp {
   enum class obstacle { none, end_of_records, incomplete, too_long, bad_trans, bad_context };
 
   // Readers of records: they deliver those that start before startable_end(), up to `size`, and
-  // return how many. What stopped them is in `met`; `head` is behind an end marker, else at the
-  // start of what could not be read.
+  // return how many. What stopped them is in `met`, and `head` is at its start.
   std::size_t codec_3_field_raw(VQtransaction* transactions, std::size_t size);
   std::size_t codec_3_field_raw_a2(VQtransaction* transactions, std::size_t size);
   std::size_t codec_4_field_raw(VQtransaction* transactions, std::size_t size);

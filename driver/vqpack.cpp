@@ -170,6 +170,7 @@ constexpr std::string_view text_switches = "Sst";   // of them, those whose valu
 std::optional<int> act_on_switch(const char* argument, const char* value, unsigned long long number,
                                  run_settings& run) {
   const char letter = argument[1];
+  const std::string two_letters(argument + 1, argument[2] ? 2 : 1);
   const auto unknown = [](const std::string& name) {
     return refuse("-" + name + " unknown switch");
   };
@@ -203,8 +204,7 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
       run.comment = value;
       break;
     case 'm':
-      if (!set_metadata(run.metadata, argument[2], number))
-        return unknown(std::string(argument + 1, argument[2] ? 2 : 1));
+      if (!set_metadata(run.metadata, argument[2], number)) return unknown(two_letters);
       set_metadata(run.metadata_given, argument[2], 1);
       break;
     case 'S':
@@ -230,7 +230,7 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
           run.comment = nullptr;
           break;
         default:
-          return unknown(std::string(argument + 1, argument[2] ? 2 : 1));
+          return unknown(two_letters);
       }
       break;
     case 'h':
