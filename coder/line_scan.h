@@ -54,7 +54,7 @@ inline std::uint64_t zero_bytes(std::uint64_t word) {
 
 inline byte_marks mark_16(const char* from) {
   byte_marks marks{0, 0};
-  for (int half = 0; half < 2; ++half) {
+  for (std::size_t half = 0; half < 2; ++half) {
     const std::uint64_t word = load_le<8>(reinterpret_cast<const unsigned char*>(from + 8 * half));
     marks.blanks |= zero_bytes(word ^ 0x2020202020202020) << 8 * half;
     marks.controls |= zero_bytes(word & 0xE0E0E0E0E0E0E0E0) << 8 * half;
