@@ -26,7 +26,10 @@
 class context_list {
  public:
   context_list(unsigned max_contexts, long long window)
-      : max_contexts_(max_contexts), window_(window), region_bits_(region_bits(window)) {
+      : max_contexts_(max_contexts),
+        reach_(window - 1),
+        matching_(window < 1 ? 0 : std::uint64_t(2 * window - 1)),
+        region_bits_(region_bits(window)) {
     entries_.push_back({0, no_key, 0, none, none, oldest});
     rehash();
   }
@@ -48,11 +51,9 @@ class context_list {
       return -1;
     }
     prev = entries_[found].addr;
-    const unsigned position = order_.position(entries_[found].slot);
     set_addr(found, wanted.addr);
-    order_.move_to_front(entries_[found].slot, note_slot{entries_});
     front_ = found;
-    return int(position);
+    return int(order_.move_to_front(entries_[found].slot, note_slot{entries_}));
   }
 
   std::size_t size() const { return order_.size(); }
@@ -60,6 +61,8 @@ class context_list {
  private:
   static constexpr std::uint32_t none = 0;  // the entry that ends every chain
   static constexpr std::uint32_t no_key = ~0u;
+  static constexpr std::uint64_t next_region = 0x9E3779B97F4A7C15;  // odd, its bits well mixed
+  static constexpr std::uint64_t key_factor = 0xD6E8FEB86659FD93;
   static constexpr unsigned oldest = ~0u;  // the slot of that entry
 
   struct entry {
@@ -78,13 +81,13 @@ class context_list {
   long long region_of(long long addr) const { return addr >> region_bits_; }
 
   bool matches(const entry& e, std::uint32_t key, long long addr) const {
-    return (e.key == key) & (e.addr - window_ < addr) & (addr < e.addr + window_);
+    return std::uint64_t(addr - e.addr + reach_) < matching_ && e.key == key;
   }
 
-  std::uint32_t chain_of(std::uint32_t key, long long region) const {
-    constexpr std::uint64_t golden = 0x9E3779B97F4A7C15;
-    return std::uint32_t((std::uint64_t(region) + key * golden) * golden >> chain_shift_);
+  static std::uint64_t hash(std::uint32_t key, long long region) {
+    return std::uint64_t(region) * next_region + key * key_factor;
   }
+  std::uint32_t chain_of(std::uint64_t hash) const { return std::uint32_t(hash >> chain_shift_); }
 
   // The newest match in a chain that is newer than `slot`, or `none`.
   std::uint32_t first_match(std::uint32_t chain, std::uint32_t key, long long addr,
@@ -95,11 +98,11 @@ class context_list {
   }
 
   std::uint32_t find(std::uint32_t key, long long addr) const {
-    const long long region = region_of(addr);
-    const long long neighbour = addr >> (region_bits_ - 1) & 1 ? region + 1 : region - 1;
-    const std::uint32_t here = first_match(chain_of(key, region), key, addr, oldest);
-    const std::uint32_t beside =
-        first_match(chain_of(key, neighbour), key, addr, entries_[here].slot);
+    const std::uint64_t home = hash(key, region_of(addr));
+    const bool is_upper_half = addr >> (region_bits_ - 1) & 1;
+    const std::uint64_t neighbour = is_upper_half ? home + next_region : home - next_region;
+    const std::uint32_t here = first_match(chain_of(home), key, addr, oldest);
+    const std::uint32_t beside = first_match(chain_of(neighbour), key, addr, entries_[here].slot);
     return beside == none ? here : beside;
   }
 
@@ -138,7 +141,7 @@ class context_list {
 
   void link(std::uint32_t id) {
     entry& e = entries_[id];
-    e.chain = chain_of(e.key, region_of(e.addr));
+    e.chain = chain_of(hash(e.key, region_of(e.addr)));
     e.newer = none;
     e.older = chains_[e.chain];
     entries_[e.older].newer = id;  // `none` takes any
@@ -155,12 +158,12 @@ class context_list {
   void rehash() {
     chain_shift_ -= 2;
     chains_.assign(std::size_t{1} << (64 - chain_shift_), none);
-    for (unsigned position = order_.size(); position-- > 0;)
-      link(order_.id(order_.slot_at(position)));
+    order_.from_oldest([this](std::uint32_t id) { link(id); });
   }
 
   unsigned max_contexts_;
-  long long window_;
+  long long reach_;         // furthest distance that matches, and
+  std::uint64_t matching_;  // the number of those in both directions and none
   int region_bits_;
   int chain_shift_ = 64 - 6;  // rehash() makes it 64 less the bits of a chain number
   std::uint32_t front_ = none;

@@ -42,9 +42,7 @@ class inslist {
   T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
     if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
-    const unsigned slot = older_.slot_at(index - front_order::most);
-    const unsigned id = older_.id(slot);
-    older_.erase(slot);
+    const unsigned id = older_.erase_at(index - front_order::most);
     push_front(id);
     return &elements_[id];
   }

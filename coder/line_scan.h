@@ -27,20 +27,20 @@ namespace line_scan {
 constexpr int readable_behind = 64 + 16;
 constexpr int readable_before = 16;
 
-// Bit i tells of byte i: it is a blank, it is a control character (a newline, too).
+// Bit i tells of byte i: it is a blank, it is a newline.
 struct byte_marks {
   std::uint64_t blanks;
-  std::uint64_t controls;
+  std::uint64_t newlines;
 };
 
 #if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
 
 inline byte_marks mark_16(const char* from) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-  const __m128i last_control = _mm_set1_epi8(0x1F);
-  const auto bits = [](__m128i marks) { return std::uint64_t(unsigned(_mm_movemask_epi8(marks))); };
-  return {bits(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(' '))),
-          bits(_mm_cmpeq_epi8(_mm_max_epu8(bytes, last_control), last_control))};
+  const auto equal = [bytes](char wanted) {
+    return std::uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(wanted)))));
+  };
+  return {equal(' '), equal('\n')};
 }
 
 #else
@@ -57,7 +57,7 @@ inline byte_marks mark_16(const char* from) {
   for (std::size_t half = 0; half < 2; ++half) {
     const std::uint64_t word = load_le<8>(reinterpret_cast<const unsigned char*>(from + 8 * half));
     marks.blanks |= zero_bytes(word ^ 0x2020202020202020) << 8 * half;
-    marks.controls |= zero_bytes(word & 0xE0E0E0E0E0E0E0E0) << 8 * half;
+    marks.newlines |= zero_bytes(word ^ 0x0A0A0A0A0A0A0A0A) << 8 * half;
   }
   return marks;
 }
@@ -66,7 +66,7 @@ inline byte_marks mark_16(const char* from) {
 
 inline byte_marks mark_32(const char* from) {
   const byte_marks first = mark_16(from), second = mark_16(from + 16);
-  return {first.blanks | second.blanks << 16, first.controls | second.controls << 16};
+  return {first.blanks | second.blanks << 16, first.newlines | second.newlines << 16};
 }
 
 // By character: its value as a hexadecimal digit, or 0xFF.
@@ -82,18 +82,24 @@ inline constexpr auto hex_values = [] {
 // Takes a number of 1 to 16 hexadecimal digits that ends at `end`; false if there is anything else.
 #if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
 
-inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
-  static constexpr auto last_bytes = [] {
+inline __m128i load_16(const void* at) { return _mm_loadu_si128(static_cast<const __m128i*>(at)); }
+
+// The last `count` bytes, or all if there are fewer.
+inline __m128i last_bytes(std::ptrdiff_t count) {
+  static constexpr auto masks = [] {
     std::array<unsigned char, 32> bytes{};
     for (unsigned i = 16; i < bytes.size(); ++i) bytes[i] = 0xFF;
     return bytes;
   }();
-  const auto load = [](const void* at) { return _mm_loadu_si128(static_cast<const __m128i*>(at)); };
+  return load_16(masks.data() + std::min<std::ptrdiff_t>(count, 16));
+}
+
+inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
   const auto up_to = [](__m128i bytes, char last) {
     return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(last)), bytes);
   };
-  const __m128i number = load(last_bytes.data() + (end - from));
-  const __m128i text = load(end - 16);
+  const __m128i number = last_bytes(end - from);
+  const __m128i text = load_16(end - 16);
   const __m128i digits = _mm_sub_epi8(text, _mm_set1_epi8('0'));
   const __m128i letters =
       _mm_sub_epi8(_mm_or_si128(text, _mm_set1_epi8('a' - 'A')), _mm_set1_epi8('a'));
@@ -152,55 +158,70 @@ inline bool scan_count(const char* from, const char* end, unsigned& count) {
   return true;
 }
 
+// The 16 characters before `end`, the first one lowest; those before the line, which has `length`
+// characters before `end`, count as blanks. All are ^ ' ', so that blanks are 0.
+struct name_word {
+  std::uint64_t low = 0, high = 0;
+};
+
+#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
+
+inline name_word load_name(const char* end, unsigned length) {
+  const __m128i name =
+      _mm_and_si128(_mm_xor_si128(load_16(end - 16), _mm_set1_epi8(' ')), last_bytes(length));
+  return {std::uint64_t(_mm_cvtsi128_si64(name)),
+          std::uint64_t(_mm_cvtsi128_si64(_mm_unpackhi_epi64(name, name)))};
+}
+
+#else
+
+inline name_word load_name(const char* end, unsigned length) {
+  const auto load = [](const char* from, unsigned kept) {
+    const std::uint64_t word = load_le<8>(reinterpret_cast<const unsigned char*>(from));
+    return kept == 0 ? 0 : (word ^ 0x2020202020202020) & ~std::uint64_t{0} << (64 - 8 * kept);
+  };
+  return {load(end - 16, std::clamp(length, 8u, 16u) - 8), load(end - 8, std::min(length, 8u))};
+}
+
+#endif
+
 // The names of the table by a hash of their characters, of which no two share a place.
 class name_table {
  public:
-  static constexpr unsigned longest = 16;
-
   constexpr name_table() {
     velk_trans_class trans = 0;
     for (const char* const text : VQcomp::FSB_transactions) {
-      place taken{0, 0, trans++};
-      for (int i = 0; text[i]; ++i)
-        (i < 8 ? taken.low : taken.high) |= std::uint64_t(text[i]) << i % 8 * 8;
-      place& free = places_[hash(taken.low, taken.high)];
+      int length = 0;
+      while (text[length]) ++length;
+      if (length > longest) throw "the blank before a name must be seen, too";
+      place taken{{}, trans++};
+      for (int i = 0, at = 16 - length; i < length; ++i, ++at)
+        (at < 8 ? taken.name.low : taken.name.high) |= std::uint64_t(text[i] ^ ' ') << at % 8 * 8;
+      place& free = places_[hash(taken.name)];
       if (free.trans != nothing) throw "two names share a place: choose another factor";
       free = taken;
     }
   }
 
-  // The code of a name of 1 to 16 characters, behind which 16 more can be read; false if it has
-  // none.
-  bool find(const char* name, unsigned length, velk_trans_class& trans) const {
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(name);
-    const std::uint64_t low = load_le<8>(bytes) & first_bytes[std::min(length, 8u)];
-    const std::uint64_t high = load_le<8>(bytes + 8) & first_bytes[std::max(length, 8u) - 8];
-    const place& found = places_[hash(low, high)];
+  // The code of a name; false if it has none.
+  bool find(const name_word& name, velk_trans_class& trans) const {
+    const place& found = places_[hash(name)];
     trans = found.trans;
-    return found.low == low && found.high == high;
+    return found.name.low == name.low && found.name.high == name.high;
   }
 
  private:
+  static constexpr int longest = 15;
   static constexpr velk_trans_class nothing = 0xFF;
 
   struct place {
-    std::uint64_t low = 0;  // the first eight characters, the very first lowest
-    std::uint64_t high = 0;
+    name_word name;
     velk_trans_class trans = nothing;
   };
 
-  static constexpr unsigned hash(std::uint64_t low, std::uint64_t high) {
-    return unsigned((low + high) * 0x3E3F7768C1894BA5 >> 56);
+  static constexpr unsigned hash(const name_word& name) {
+    return unsigned((name.low + name.high) * 0x2C76DCD9FE037EA3 >> 56);
   }
-  static constexpr std::uint64_t first_bytes[] = {0,
-                                                  0xFF,
-                                                  0xFFFF,
-                                                  0xFFFFFF,
-                                                  0xFFFFFFFF,
-                                                  0xFFFFFFFFFF,
-                                                  0xFFFFFFFFFFFF,
-                                                  0xFFFFFFFFFFFFFF,
-                                                  0xFFFFFFFFFFFFFFFF};
 
   std::array<place, 256> places_{};
 };
@@ -211,13 +232,12 @@ inline constexpr name_table names;
 // returns 0 if it is not.
 inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
   byte_marks marks = mark_32(line);
-  if (marks.controls == 0) {
+  if (marks.newlines == 0) {
     const byte_marks more = mark_32(line + 32);
-    marks = {marks.blanks | more.blanks << 32, more.controls << 32};
-    if (marks.controls == 0) return 0;
+    marks = {marks.blanks | more.blanks << 32, more.newlines << 32};
+    if (marks.newlines == 0) return 0;
   }
-  const auto line_end = unsigned(std::countr_zero(marks.controls));
-  if (line[line_end] != '\n') return 0;
+  const auto line_end = unsigned(std::countr_zero(marks.newlines));
 
   // Where fields begin and end: bits of `edges` in turn.
   const std::uint64_t text = ~marks.blanks & ((std::uint64_t{1} << line_end) - 1);
@@ -227,15 +247,15 @@ inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
     edges &= edges - 1;
     return edge;
   };
-  const unsigned name = next_edge(), name_end = next_edge();
+  next_edge();
+  const unsigned name_end = next_edge();
   const unsigned addr = next_edge(), addr_end = next_edge();
   const unsigned agent = next_edge();
   if (edges == 0) return 0;
   const unsigned agent_end = next_edge();
 
   std::uint64_t addr_value;
-  if (name_end - name > name_table::longest || addr_end - addr > 16 ||
-      !names.find(line + name, name_end - name, t.trans) ||
+  if (addr_end - addr > 16 || !names.find(load_name(line + name_end, name_end), t.trans) ||
       !scan_hex(line + addr, line + addr_end, addr_value) ||
       !scan_agent(line + agent, line + agent_end, t.agent))
     return 0;

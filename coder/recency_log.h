@@ -11,12 +11,14 @@
 // Distinct numbers ("ids") in the order of their latest use, newest first.
 //
 // The plain form is an array in that order, in which a use of the id at position k moves k others
-// down. Here no id ever moves: each use takes a new slot in a log, below all slots taken before,
-// and the slot of the use before dies. A bitmap tells which slots live, and the position of an id
-// is the number of live slots below its own. Counts of the live slots in each word of the bitmap,
-// in groups of four words, in sixteen groups, in sixteen times that and so on make that, and the
-// way from a position to its slot, a few dozen steps at any length. When the log is full, the live
-// slots are moved together at its upper end.
+// down. Here no id ever moves: each use takes a new slot in a log, the next below all slots taken
+// before, and the slot of the use before dies. So the position of an id is the number of living
+// slots between the newest slot and its own. A bitmap tells which slots are dead. So that the
+// others need not be counted anew, each word of the bitmap keeps the number of living slots before
+// it in its row of eight words, each row the number of those before it among eight rows, and so on
+// (free slots, those below the newest, count as living): a death takes one from some neighbouring
+// numbers of a row on each level, which is a vector subtraction, and a use changes nothing else.
+// When the log is full, the living slots are moved together at its upper end.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
 // slots, is called with each id and its slot then.
@@ -26,40 +28,28 @@ class recency_log {
 
   std::uint32_t id(unsigned slot) const { return id_at_[slot]; }
 
-  // The number of ids that are newer than the one in `slot`.
-  unsigned position(unsigned slot) const {
-    const unsigned word = slot / word_slots;
-    std::size_t end = word / lanes;
-    std::size_t head = head_ / group_slots;
-    unsigned newer = count_bits(live_[word] & (bit(slot) - 1));
-    newer += before(sums(word_counts_[end]), word % lanes);
-    for (std::size_t level = 0; head < end; ++level) {
-      for (std::size_t i = std::max(head, end / fanout * fanout); i < end; ++i)
-        newer += counts_[level][i];
-      head /= fanout;
-      end /= fanout;
+  // Calls `use` with each id, the oldest first.
+  template <class Use>
+  void from_oldest(Use use) const {
+    for (std::size_t i = dead_.size(); i-- > head_ / word_slots;) {
+      std::uint64_t live = ~dead_[i];
+      if (i == head_ / word_slots) live &= ~(bit(head_) - 1);
+      while (live != 0) {
+        const unsigned k = unsigned(std::bit_width(live)) - 1;
+        use(id_at_[i * word_slots + k]);
+        live &= ~bit(k);
+      }
     }
-    return newer;
-  }
-
-  // The slot of the id at a 0-based position below size().
-  unsigned slot_at(unsigned position) const {
-    const unsigned group = group_of(position);
-    const std::uint64_t counted = sums(word_counts_[group]);
-    const unsigned lane = first_above(counted, position);
-    const unsigned word = group * lanes + lane;
-    return word * word_slots + select_bit(live_[word], position - before(counted, lane));
   }
 
   // The slot of the oldest id.
   unsigned back() {
-    while (live_[back_word_] == 0) --back_word_;
-    return unsigned(back_word_ * word_slots) + unsigned(std::bit_width(live_[back_word_])) - 1;
+    while (~dead_[back_word_] == 0) --back_word_;
+    return unsigned(back_word_ * word_slots) + unsigned(std::bit_width(~dead_[back_word_])) - 1;
   }
 
   void erase(unsigned slot) {
-    live_[slot / word_slots] &= ~bit(slot);
-    count<-1>(slot);
+    bury(slot);
     --size_;
   }
 
@@ -71,42 +61,76 @@ class recency_log {
     ++size_;
   }
 
-  // Makes the id in `slot` the newest.
+  // Makes the id in `slot` the newest; returns the position that it had.
   template <class Moved>
-  void move_to_front(unsigned slot, Moved moved) {
+  unsigned move_to_front(unsigned slot, Moved moved) {
     const std::uint32_t id = id_at_[slot];
-    erase(slot);
-    push(id, moved);
+    const unsigned position = bury(slot) - head_;
+    if (head_ == 0) make_room(moved);
+    take_slot(id, moved);
+    return position;
+  }
+
+  // Takes the id at a 0-based position below size() out of the log.
+  std::uint32_t erase_at(unsigned position) {
+    unsigned living = head_ + position;  // to be passed over, the free slots first
+    std::size_t i = 0;
+    for (std::size_t n = before_.size(); n-- > 0;) {
+      row& before = before_[n][i];
+      const unsigned place = last_up_to(before, living);
+      living -= before[place];
+      before -= steps[place];
+      i = i * fanout + place;
+    }
+    const unsigned k = select_bit(~dead_[i], living);
+    dead_[i] |= bit(k);
+    --size_;
+    return id_at_[i * word_slots + k];
   }
 
  private:
   static constexpr unsigned word_slots = 64;
+  static constexpr unsigned fanout = 8;
+  static constexpr unsigned fewest_slots = fanout * fanout * word_slots;
 
-  // The counts of a group's words lie in four lanes of a word, so that one multiplication adds
-  // them up.
-  static constexpr unsigned lanes = 4;
-  static constexpr unsigned lane_bits = 16;
-  static constexpr std::uint64_t each_lane = 0x0001000100010001;
-  static constexpr unsigned group_slots = lanes * word_slots;
-
-  static constexpr unsigned fanout = 16;
-  static constexpr unsigned fewest_slots = fanout * group_slots;
+  // Before each of eight elements: the living slots of those that come first.
+  using row [[gnu::vector_size(fanout * sizeof(unsigned))]] = unsigned;
+  using level = std::vector<row>;
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
-  // In lane i the sum of the lanes 0 to i.
-  static std::uint64_t sums(std::uint64_t counts) { return counts * each_lane; }
+  // steps[place][i] is 1 for the i behind `place`, else 0.
+  static constexpr row steps[fanout] = {{0, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 1, 1, 1, 1, 1, 1},
+                                        {0, 0, 0, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 1, 1, 1, 1},
+                                        {0, 0, 0, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 1, 1},
+                                        {0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0}};
 
-  // Of such sums: the one of the lanes before `lane`.
-  static unsigned before(std::uint64_t sums, unsigned lane) {
-    return unsigned(sums << lane_bits >> lane_bits * lane) & 0xFFFF;
+  // Lets `slot` die; returns the number of living ones below it.
+  unsigned bury(unsigned slot) {
+    std::size_t i = slot / word_slots;
+    unsigned living = count_bits(~dead_[i] & (bit(slot) - 1));
+    dead_[i] |= bit(slot);
+    for (level& before : before_) {
+      const std::size_t place = i % fanout;
+      i /= fanout;
+      living += before[i][place];
+      before[i] -= steps[place];
+    }
+    return living;
   }
 
-  // Of such sums: the first lane in which it is above `position`.
-  static unsigned first_above(std::uint64_t sums, unsigned position) {
-    constexpr std::uint64_t tops = each_lane << (lane_bits - 1);
-    const std::uint64_t above = ((sums | tops) - (position + 1) * each_lane) & tops;
-    return unsigned(std::countr_zero(above)) / lane_bits;
+  template <class Moved>
+  void take_slot(std::uint32_t id, Moved moved) {
+    const unsigned slot = --head_;
+    id_at_[slot] = id;
+    moved(id, slot);
+  }
+
+  // The place of the last number in a row that is not above `limit`; the first never is.
+  static unsigned last_up_to(const row& before, unsigned limit) {
+    unsigned place = 0;
+    for (unsigned i = 1; i < fanout; ++i) place += before[i] <= limit;
+    return place;
   }
 
   static constexpr std::uint64_t each_byte = 0x0101010101010101;
@@ -141,77 +165,41 @@ class recency_log {
   }
   static const std::array<std::array<unsigned char, 256>, 8> bit_in_byte;
 
-  // The group that holds a position, which becomes one within it. Goes up at the end of sixteen,
-  // and down again where the position is.
-  unsigned group_of(unsigned& position) const {
-    std::size_t level = 0;
-    std::size_t i = head_ / group_slots;
-    while (position >= counts_[level][i]) {
-      position -= counts_[level][i++];
-      if (i % fanout == 0) {
-        i /= fanout;
-        ++level;
-      }
-    }
-    for (; level > 0; --level)
-      for (i *= fanout; position >= counts_[level - 1][i]; ++i) position -= counts_[level - 1][i];
-    return unsigned(i);
-  }
-
-  template <int Difference>
-  void count(unsigned slot) {
-    const unsigned word = slot / word_slots;
-    std::size_t group = word / lanes;
-    word_counts_[group] += std::uint64_t(Difference) << lane_bits * (word % lanes);
-    for (std::vector<unsigned>& counts : counts_) {
-      counts[group] += unsigned(Difference);
-      group /= fanout;
-    }
-  }
-
-  template <class Moved>
-  void take_slot(std::uint32_t id, Moved moved) {
-    --head_;
-    live_[head_ / word_slots] |= bit(head_);
-    count<1>(head_);
-    id_at_[head_] = id;
-    moved(id, head_);
-  }
-
-  // Moves the live slots to the upper end of the log, which is at most half full then.
+  // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
   void make_room(Moved moved) {
-    std::vector<std::uint32_t> ids;  // newest first
-    ids.reserve(size_);
-    for (std::size_t i = 0; i < live_.size(); ++i)
-      for (std::uint64_t left = live_[i]; left; left &= left - 1)
-        ids.push_back(id_at_[i * word_slots + std::size_t(std::countr_zero(left))]);
-    reset(std::max(fewest_slots, std::bit_ceil(size_ + 1) * 2));
-    for (std::size_t i = ids.size(); i-- > 0;) take_slot(ids[i], moved);
+    const unsigned slots =
+        std::max({fewest_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
+    id_at_.resize(slots);
+    unsigned slot = slots;
+    from_oldest([&](std::uint32_t id) {
+      id_at_[--slot] = id;
+      moved(id, slot);
+    });
+    head_ = slot;
+    revive(slots);
   }
 
-  // Makes the log one of `slots` slots without a live one.
-  void reset(unsigned slots) {
-    head_ = slots;
-    id_at_.resize(slots);
-    live_.assign(slots / word_slots, 0);
-    back_word_ = live_.size() - 1;
-    std::size_t groups = live_.size() / lanes;
-    word_counts_.assign(groups, 0);
-    counts_.assign(1, std::vector<unsigned>(groups));
-    while (groups > fanout) {
-      groups = (groups + fanout - 1) / fanout;
-      counts_.emplace_back(groups);
-    }
+  // Makes a log of `slots` slots without a dead one.
+  void revive(unsigned slots) {
+    dead_.assign(slots / word_slots, 0);
+    back_word_ = dead_.size() - 1;
+    before_.clear();
+    std::size_t rows = dead_.size();
+    unsigned element = word_slots;
+    do {
+      rows = (rows + fanout - 1) / fanout;
+      before_.emplace_back(rows, row{0, 1, 2, 3, 4, 5, 6, 7} * element);
+      element *= fanout;
+    } while (rows > 1);
   }
 
   unsigned size_ = 0;
-  unsigned head_ = 0;                          // slot of the newest; those below are free
-  std::size_t back_word_ = 0;                  // no live slot lies in words behind it
-  std::vector<std::uint64_t> live_;            // a bit for each slot
-  std::vector<std::uint64_t> word_counts_;     // of the words of each group, by lanes
-  std::vector<std::vector<unsigned>> counts_;  // of each group, of each `fanout` groups, ...
-  std::vector<std::uint32_t> id_at_;           // by slot
+  unsigned head_ = 0;                 // slot of the newest; those below are free
+  std::size_t back_word_ = 0;         // all slots in the words behind it are dead
+  std::vector<std::uint64_t> dead_;   // a bit for each slot
+  std::vector<level> before_;         // by level: words first
+  std::vector<std::uint32_t> id_at_;  // by slot
 };
 
 inline constexpr std::array<std::array<unsigned char, 256>, 8> recency_log::bit_in_byte =

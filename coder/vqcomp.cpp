@@ -9,6 +9,7 @@
 #include <iterator>
 #include <sstream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "bytes.h"
@@ -774,48 +775,29 @@ std::size_t VQcomp::codec_4_field_raw_a2(const VQtransaction* transactions, std:
   return put_raw<2, true>(transactions, size);
 }
 
-void VQcomp::put_byte(unsigned value) { *at(used++) = static_cast<unsigned char>(value); }
+namespace {
 
-void VQcomp::put_number(unsigned long long value) {
-  used = int(put_stop_bit(at(used), value) - buffer.get());
-}
+// Context-coded records at `to`, piece by piece; each function returns the position behind its
+// piece.
 
 // Code and agent of a new context. Agents of 255 and more switch the rest of the stream to
 // stop-bit numbers.
-void VQcomp::encode_agent_trans(velk_trans_class trans, int agent) {
-  if (agent == 0) return put_byte(trans | no_agent);
-  put_byte(trans);
-  if (!agent_escape && (agent < escaped_agent || !wide_agents)) return put_byte(unsigned(agent));
-  if (!agent_escape) put_byte(escaped_agent);
+unsigned char* encode_agent_trans(unsigned char* to, velk_trans_class trans, int agent,
+                                  bool wide_agents, bool& agent_escape) {
+  if (agent == 0) return store_le<1>(to, trans | no_agent);
+  to = store_le<1>(to, trans);
+  if (!agent_escape && (agent < escaped_agent || !wide_agents))
+    return store_le<1>(to, unsigned(agent));
+  if (!agent_escape) to = store_le<1>(to, escaped_agent);
   agent_escape = true;
-  put_number(unsigned(agent));
-}
-
-// Puts a repeat count into the record at `mark`, whose other bytes are all written, and completes
-// that record.
-void VQcomp::put_repeat(unsigned repeat) {
-  *at(mark) |= static_cast<unsigned char>(std::min(repeat, long_repeat) << repeat_shift);
-  if (repeat >= long_repeat) put_number(repeat - last_short_repeat);
-  mark = used;
-}
-
-void VQcomp::flushPendingRepeat() {
-  put_repeat(pending_repeat);
-  pending_repeat = 0;
-}
-
-int VQcomp::cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev) {
-  const int position = contexts->touch({unit_addr, agent, trans}, prev);
-  if (position > 0) distance_sum += position;
-  return position;
+  return put_stop_bit(to, unsigned(agent));
 }
 
 // Head byte, context number and delta of a record whose context was found at `position`, there with
 // the address `prev`.
-void VQcomp::put_known_context(velk_trans_class trans, long long unit_addr, int position,
-                               long long prev) {
-  unsigned char* const head = at(used);
-  unsigned char* to = head + 1;
+unsigned char* put_known_context(unsigned char* to, velk_trans_class trans, long long unit_addr,
+                                 int position, long long prev) {
+  unsigned char* const head = to++;
   unsigned fields = unsigned(position) << position_shift;
   if (position > last_short_position) {
     fields = numbered_context;
@@ -829,27 +811,49 @@ void VQcomp::put_known_context(velk_trans_class trans, long long unit_addr, int 
     fields |= long_delta;
     to = put_signed_stop_bit(to, unit_addr - prev);
   }
-  *head = static_cast<unsigned char>(fields);
-  used = int(to - buffer.get());
+  store_le<1>(head, fields);
+  return to;
 }
 
-void VQcomp::put_new_context(const VQtransaction& t, long long unit_addr) {
-  put_byte(numbered_context | (unit_addr & 0xF));
-  put_byte(new_context);
-  put_number(static_cast<unsigned long long>(unit_addr) >> 4);
-  encode_agent_trans(t.trans, t.agent);
+unsigned char* put_new_context(unsigned char* to, long long unit_addr) {
+  to = store_le<1>(to, numbered_context | (unit_addr & 0xF));
+  to = store_le<1>(to, new_context);
+  return put_stop_bit(to, static_cast<unsigned long long>(unit_addr) >> 4);
 }
 
-void VQcomp::put_record(const VQtransaction& t, long long unit_addr, int position, long long prev) {
-  if (position >= 0)
-    put_known_context(t.trans, unit_addr, position, prev);
-  else
-    put_new_context(t, unit_addr);
+// Puts a repeat count into the record at `record`, whose other bytes end at `to`.
+unsigned char* put_repeat(unsigned char* record, unsigned char* to, unsigned repeat) {
+  *record |= static_cast<unsigned char>(std::min(repeat, long_repeat) << repeat_shift);
+  return repeat < long_repeat ? to : put_stop_bit(to, repeat - last_short_repeat);
+}
+
+}  // namespace
+
+[[gnu::always_inline]] inline int VQcomp::cam_context(velk_trans_class trans, long long unit_addr,
+                                                      int agent, long long& prev) {
+  const int position = contexts->touch({unit_addr, agent, trans}, prev);
+  distance_sum += std::max(position, 0);
+  return position;
+}
+
+// The record of a transaction whose context was found at `position`, or is new below 0; without
+// repeats.
+[[gnu::always_inline]] inline unsigned char* VQcomp::put_record(unsigned char* to,
+                                                                const VQtransaction& t,
+                                                                long long unit_addr, int position,
+                                                                long long prev) {
+  if (position >= 0) return put_known_context(to, t.trans, unit_addr, position, prev);
+  return encode_agent_trans(put_new_context(to, unit_addr), t.trans, t.agent, wide_agents,
+                            agent_escape);
 }
 
 // A transaction that goes on where the front context's latest ended, one line further, costs
 // nothing: it is counted, and the count is put into the head byte of the record that it repeats.
 std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::size_t size) {
+  unsigned char* const block_end = at(block_size);
+  unsigned char* record = at(mark);
+  unsigned char* to = at(used);
+  unsigned repeat = pending_repeat;
   std::size_t done = 0;
   do {
     const VQtransaction& t = transactions[done++];
@@ -858,29 +862,44 @@ std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::si
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
     const int shift = size_class(t.trans);
     if (position == 0 && is_aligned(unit_addr, shift) &&
-        (prev >> shift) + 1 == unit_addr >> shift && pending_repeat < most_repeats) {
-      ++pending_repeat;
+        (prev >> shift) + 1 == unit_addr >> shift && repeat < most_repeats) {
+      ++repeat;
     } else {
-      flushPendingRepeat();
-      put_record(t, unit_addr, position, prev);
+      record = put_repeat(record, to, std::exchange(repeat, 0));
+      to = put_record(record, t, unit_addr, position, prev);
     }
-  } while (done < size && used < block_size);
+  } while (done < size && to < block_end);
+  pending_repeat = repeat;
+  mark = int(record - buffer.get());
+  used = int(to - buffer.get());
   return done;
 }
 
 // With four fields the repeat count is the transaction's count.
 std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::size_t size) {
+  unsigned char* const block_end = at(block_size);
+  unsigned char* to = at(used);
   std::size_t done = 0;
   do {
     const VQtransaction& t = transactions[done++];
     const long long unit_addr = to_units(t.addr, unit_with_count(t.trans));
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
-    put_record(t, unit_addr, position, prev);
-    put_repeat(t.count);
-  } while (done < size && used < block_size);
+    unsigned char* const record = to;
+    to = put_record(record, t, unit_addr, position, prev);
+    to = put_repeat(record, to, t.count);
+  } while (done < size && to < block_end);
+  mark = used = int(to - buffer.get());
   return done;
 }
+
+// Completes the latest record.
+void VQcomp::flushPendingRepeat() {
+  used = mark =
+      int(put_repeat(at(mark), at(used), std::exchange(pending_repeat, 0)) - buffer.get());
+}
+
+void VQcomp::put_byte(unsigned value) { *at(used++) = static_cast<unsigned char>(value); }
 
 int VQcomp::finish(unsigned& contexts_used, unsigned& avg_distance, unsigned& address_bits) {
   flushPendingRepeat();
@@ -1105,13 +1124,15 @@ void VQuncomp::check_end() {
   throw VQcomp_done{};
 }
 
-// An end marker, which counts only when what check_end() looks at has come, too.
-VQuncomp::obstacle VQuncomp::end_marker(int bytes) {
+// An end marker, from `marker` up to `end`, which counts only when what check_end() looks at has
+// come, too.
+VQuncomp::obstacle VQuncomp::end_marker(const unsigned char* marker, const unsigned char* end) {
   constexpr int looked_at = checksum_bytes + trailer_bytes + 1;
+  const auto bytes = end - marker;
   if (bytes > longest_damaged_record) return obstacle::too_long;
-  const int behind = tail - head - bytes;
+  const auto behind = at(tail) - end;
   if (behind < 0 || (!finished && behind < looked_at)) return obstacle::incomplete;
-  marker_bytes = bytes;
+  marker_bytes = int(bytes);
   return obstacle::end_of_records;
 }
 
@@ -1123,7 +1144,7 @@ std::size_t VQuncomp::get_raw(VQtransaction* transactions, std::size_t size) {
   for (; done < size && head < startable_end(); head += bytes) {
     const unsigned char* const from = at(head);
     if (*from == end_of_raw)
-      met = end_marker(1);
+      met = end_marker(from, from + 1);
     else if (tail - head < bytes)
       met = obstacle::incomplete;
     else if (*from >= name_count)
@@ -1176,50 +1197,53 @@ struct VQuncomp::record_fields {
   unsigned repeat;
 };
 
-// Takes the record at `head`, unless there is an obstacle. Damaged data can make it run on beyond
-// `tail`, though not beyond the guard bytes; what it took is no record then.
-VQuncomp::obstacle VQuncomp::get_record(record_fields& fields) {
-  const unsigned char* from = at(head);
+// Takes the record at `from`, and moves `from` behind it, unless there is an obstacle. Damaged data
+// can make it run on beyond `tail`, though not beyond the guard bytes; what it took is no record
+// then.
+[[gnu::always_inline]] inline VQuncomp::obstacle VQuncomp::get_record(const unsigned char*& from,
+                                                                      record_fields& fields) {
+  const unsigned char* const record = from;
+  const unsigned char* next = from;
   const bool escape_before = agent_escape;
-  const unsigned char first = *from++;
+  const unsigned char first = *next++;
   const unsigned low = first & 0xF;
   fields.position = first >> position_shift & 3;
   fields.is_new = false;
   if (fields.position > last_short_position) {
-    const unsigned char* const number_at = from;
-    const unsigned number = get_stop_bit<unsigned>(from);
-    if (number == 0 && from - number_at > 1) return end_marker(int(from - at(head)));
+    const unsigned char* const number_at = next;
+    const unsigned number = get_stop_bit<unsigned>(next);
+    if (number == 0 && next - number_at > 1) return end_marker(record, next);
     fields.is_new = number == 0;
     fields.position = static_cast<unsigned long long>(number) + last_short_position;
   }
   if (fields.is_new) {
-    fields.introduced.addr = typeaddr(low | get_stop_bit<unsigned long long>(from) << 4);
-    decode_agent_trans(from, fields.introduced.trans, fields.introduced.agent);
+    fields.introduced.addr = typeaddr(low | get_stop_bit<unsigned long long>(next) << 4);
+    decode_agent_trans(next, fields.introduced.trans, fields.introduced.agent);
   } else {
     fields.in_lines = low != long_delta;
-    fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_signed_stop_bit(from);
+    fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_signed_stop_bit(next);
   }
   fields.repeat = first >> repeat_shift;
   if (fields.repeat == long_repeat)
-    fields.repeat = get_stop_bit<unsigned>(from) + last_short_repeat;
+    fields.repeat = get_stop_bit<unsigned>(next) + last_short_repeat;
 
   obstacle found = obstacle::none;
-  if (from > at(tail))
+  if (next > at(tail))
     found = obstacle::incomplete;
-  else if (from - at(head) > longest_damaged_record)
+  else if (next - record > longest_damaged_record)
     found = obstacle::too_long;
   else if (!fields.is_new && fields.position > 0 && fields.position >= contexts->size())
     found = obstacle::bad_context;
   else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
     found = obstacle::bad_trans;
   if (found == obstacle::none)
-    head = int(from - buffer.get());
+    from = next;
   else
     agent_escape = escape_before;
   return found;
 }
 
-void VQuncomp::enter_context(const record_fields& fields) {
+[[gnu::always_inline]] inline void VQuncomp::enter_context(const record_fields& fields) {
   if (fields.is_new) {
     current = contexts->insert(fields.introduced);
     return;
@@ -1243,35 +1267,41 @@ std::size_t VQuncomp::get_repeats(VQtransaction* transactions, std::size_t size)
 }
 
 std::size_t VQuncomp::codec_3_field_cmp(VQtransaction* transactions, std::size_t size) {
+  const unsigned char* from = at(head);
+  const unsigned char* const end = at(std::max(startable_end(), head));
   std::size_t done = 0;
   met = obstacle::none;
-  while (done < size && head < startable_end()) {
+  while (done < size && from < end) {
     if (pending_repeat > 0) {
       done += get_repeats(transactions + done, size - done);
       continue;
     }
     record_fields fields;
-    met = get_record(fields);
+    met = get_record(from, fields);
     if (met != obstacle::none) break;
     enter_context(fields);
     pending_repeat = fields.repeat;
     transactions[done++] = {from_units(current->addr, usual_unit), current->agent, 1,
                             current->trans};
   }
+  head = int(from - buffer.get());
   return done;
 }
 
 std::size_t VQuncomp::codec_4_field_cmp(VQtransaction* transactions, std::size_t size) {
+  const unsigned char* from = at(head);
+  const unsigned char* const end = at(std::max(startable_end(), head));
   std::size_t done = 0;
   met = obstacle::none;
-  while (done < size && head < startable_end()) {
+  while (done < size && from < end) {
     record_fields fields;
-    met = get_record(fields);
+    met = get_record(from, fields);
     if (met != obstacle::none) break;
     enter_context(fields);
     transactions[done++] = {from_units(current->addr, unit_with_count(current->trans)),
                             current->agent, fields.repeat, current->trans};
   }
+  head = int(from - buffer.get());
   return done;
 }
 

@@ -273,16 +273,12 @@ class VQcomp {
   template <int AgentBytes, bool Counted>
   std::size_t put_raw(const VQtransaction* transactions, std::size_t size);
   int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
-  void put_record(const VQtransaction& t, long long unit_addr, int position, long long prev);
-  void put_known_context(velk_trans_class trans, long long unit_addr, int position, long long prev);
-  void put_new_context(const VQtransaction& t, long long unit_addr);
-  void encode_agent_trans(velk_trans_class trans, int agent);
-  void put_repeat(unsigned repeat);
+  unsigned char* put_record(unsigned char* to, const VQtransaction& t, long long unit_addr,
+                            int position, long long prev);
   void flushPendingRepeat();
 
   unsigned char* at(int position) const { return buffer.get() + position; }
   void put_byte(unsigned value);
-  void put_number(unsigned long long value);
   [[noreturn]] void refuse(const char* msg) const;
 
   long long window;             // in 8-byte units
@@ -391,8 +387,8 @@ class VQuncomp {
 
   template <int AgentBytes, bool Counted>
   std::size_t get_raw(VQtransaction* transactions, std::size_t size);
-  obstacle get_record(record_fields& fields);
-  obstacle end_marker(int bytes);
+  obstacle get_record(const unsigned char*& from, record_fields& fields);
+  obstacle end_marker(const unsigned char* marker, const unsigned char* end);
   void enter_context(const record_fields& fields);
   std::size_t get_repeats(VQtransaction* transactions, std::size_t size);
   void decode_agent_trans(const unsigned char*& from, velk_trans_class& trans, int& agent);
