@@ -2,11 +2,13 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "prefetch.h"
 #include "recency_log.h"
 #include "vqcomp.h"
 
@@ -39,13 +41,13 @@ class context_list {
   // before the move. When none matches, puts `wanted` at the front, drops the last context if there
   // are too many, and returns -1.
   int touch(const VQcomp::context& wanted, long long& prev) {
-    const std::uint32_t key = std::uint32_t(wanted.agent) << 8 | wanted.trans;
+    const std::uint32_t key = key_of(wanted);
     if (matches(entries_[front_], key, wanted.addr)) {
       prev = entries_[front_].addr;
       set_addr(front_, wanted.addr);
       return 0;
     }
-    const std::uint32_t found = find(key, wanted.addr);
+    const std::uint32_t found = find(wanted);
     if (found == none) {
       insert(key, wanted.addr);
       return -1;
@@ -58,7 +60,24 @@ class context_list {
 
   std::size_t size() const { return order_.size(); }
 
+  // Prepares touch() for the contexts that wanted(0) to wanted(size - 1) return. Changes nothing.
+  //
+  // In a list that has outgrown the caches, touch() waits for memory three times, each time for a
+  // place that the one before has told. Here all of them are fetched side by side: with a million
+  // contexts a transaction takes a third of the time.
+  template <class Wanted>
+  void prepare(std::size_t size, Wanted wanted) const {
+    if (order_.size() < fewest_to_prepare) return;
+    for (std::size_t i = 0; i < size; ++i)
+      for (const std::uint32_t chain : chains_for(wanted(i))) prefetch(&chains_[chain]);
+    for (std::size_t i = 0; i < size; ++i)
+      for (const std::uint32_t chain : chains_for(wanted(i))) prefetch(&entries_[chains_[chain]]);
+    for (std::size_t i = 0; i < size; ++i)
+      order_.prepare(entries_[chains_[chains_for(wanted(i))[0]]].slot);
+  }
+
  private:
+  static constexpr unsigned fewest_to_prepare = 1 << 15;
   static constexpr std::uint32_t none = 0;  // the entry that ends every chain
   static constexpr std::uint32_t no_key = ~0u;
   static constexpr std::uint64_t next_region = 0x9E3779B97F4A7C15;  // odd, its bits well mixed
@@ -76,6 +95,10 @@ class context_list {
 
   static int region_bits(long long window) {
     return window < 1 ? 1 : std::min(62, int(std::bit_width(std::uint64_t(window))) + 1);
+  }
+
+  static std::uint32_t key_of(const VQcomp::context& context) {
+    return std::uint32_t(context.agent) << 8 | context.trans;
   }
 
   long long region_of(long long addr) const { return addr >> region_bits_; }
@@ -97,12 +120,18 @@ class context_list {
     return entries_[id].slot < slot ? id : none;
   }
 
-  std::uint32_t find(std::uint32_t key, long long addr) const {
-    const std::uint64_t home = hash(key, region_of(addr));
-    const bool is_upper_half = addr >> (region_bits_ - 1) & 1;
-    const std::uint64_t neighbour = is_upper_half ? home + next_region : home - next_region;
-    const std::uint32_t here = first_match(chain_of(home), key, addr, oldest);
-    const std::uint32_t beside = first_match(chain_of(neighbour), key, addr, entries_[here].slot);
+  // Those of the region that holds an address and of the neighbour that is nearer to it.
+  std::array<std::uint32_t, 2> chains_for(const VQcomp::context& wanted) const {
+    const std::uint64_t home = hash(key_of(wanted), region_of(wanted.addr));
+    const bool is_upper_half = wanted.addr >> (region_bits_ - 1) & 1;
+    return {chain_of(home), chain_of(is_upper_half ? home + next_region : home - next_region)};
+  }
+
+  std::uint32_t find(const VQcomp::context& wanted) const {
+    const std::uint32_t key = key_of(wanted);
+    const auto [home, neighbour] = chains_for(wanted);
+    const std::uint32_t here = first_match(home, key, wanted.addr, oldest);
+    const std::uint32_t beside = first_match(neighbour, key, wanted.addr, entries_[here].slot);
     return beside == none ? here : beside;
   }
 

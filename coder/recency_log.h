@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "prefetch.h"
+
 // Distinct numbers ("ids") in the order of their latest use, newest first.
 //
 // The plain form is an array in that order, in which a use of the id at position k moves k others
@@ -27,6 +29,13 @@ class recency_log {
   unsigned size() const { return size_; }
 
   std::uint32_t id(unsigned slot) const { return id_at_[slot]; }
+
+  // Fetches what a use of `slot` reads into the caches.
+  void prepare(unsigned slot) const {
+    prefetch(&dead_[slot / word_slots]);
+    prefetch(&before_[0][slot / (word_slots * fanout)]);
+    prefetch(&id_at_[slot]);
+  }
 
   // Calls `use` with each id, the oldest first.
   template <class Use>

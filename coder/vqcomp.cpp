@@ -836,6 +836,15 @@ unsigned char* put_repeat(unsigned char* record, unsigned char* to, unsigned rep
   return position;
 }
 
+template <class UnitAddress>
+void VQcomp::prepare_contexts(const VQtransaction* transactions, std::size_t size,
+                              UnitAddress unit_address) {
+  contexts->prepare(size, [=](std::size_t i) {
+    const VQtransaction& t = transactions[i];
+    return context{unit_address(t), t.agent, t.trans};
+  });
+}
+
 // The record of a transaction whose context was found at `position`, or is new below 0; without
 // repeats.
 [[gnu::always_inline]] inline unsigned char* VQcomp::put_record(unsigned char* to,
@@ -854,10 +863,12 @@ std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::si
   unsigned char* record = at(mark);
   unsigned char* to = at(used);
   unsigned repeat = pending_repeat;
+  const auto unit_address = [](const VQtransaction& t) { return to_units(t.addr, usual_unit); };
+  prepare_contexts(transactions, size, unit_address);
   std::size_t done = 0;
   do {
     const VQtransaction& t = transactions[done++];
-    const long long unit_addr = to_units(t.addr, usual_unit);
+    const long long unit_addr = unit_address(t);
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
     const int shift = size_class(t.trans);
@@ -879,10 +890,14 @@ std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::si
 std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::size_t size) {
   unsigned char* const block_end = at(block_size);
   unsigned char* to = at(used);
+  const auto unit_address = [](const VQtransaction& t) {
+    return to_units(t.addr, unit_with_count(t.trans));
+  };
+  prepare_contexts(transactions, size, unit_address);
   std::size_t done = 0;
   do {
     const VQtransaction& t = transactions[done++];
-    const long long unit_addr = to_units(t.addr, unit_with_count(t.trans));
+    const long long unit_addr = unit_address(t);
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
     unsigned char* const record = to;

@@ -272,6 +272,9 @@ class VQcomp {
   void write_block();
   template <int AgentBytes, bool Counted>
   std::size_t put_raw(const VQtransaction* transactions, std::size_t size);
+  template <class UnitAddress>
+  void prepare_contexts(const VQtransaction* transactions, std::size_t size,
+                        UnitAddress unit_address);
   int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
   unsigned char* put_record(unsigned char* to, const VQtransaction& t, long long unit_addr,
                             int position, long long prev);
