@@ -1,6 +1,7 @@
 // The decompressor's contexts in most-recently-used order.
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include "front_order.h"
@@ -33,7 +34,8 @@ class inslist {
     if (front_.size() < front_order::most)
       front_ids_[front_.add()] = id;
     else
-      push_front(id);
+      older_.push(std::exchange(front_ids_[front_.move_to_front(front_order::most - 1)], id),
+                  [](unsigned, unsigned) {});
     return &elements_[id];
   }
 
@@ -42,19 +44,12 @@ class inslist {
   T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
     if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
-    const unsigned id = older_.erase_at(index - front_order::most);
-    push_front(id);
-    return &elements_[id];
+    unsigned& last = front_ids_[front_.move_to_front(front_order::most - 1)];
+    last = older_.exchange(index - front_order::most, last);
+    return &elements_[last];
   }
 
  private:
-  // The last of the front goes behind it.
-  void push_front(unsigned id) {
-    unsigned& place = front_ids_[front_.move_to_front(front_order::most - 1)];
-    older_.push(place, [](unsigned, unsigned) {});
-    place = id;
-  }
-
   void drop_block() {
     for (unsigned i = 0; i < block_elements; ++i) {
       const unsigned slot = older_.back();

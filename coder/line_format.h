@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#include <emmintrin.h>
+#endif
+
 #include "bytes.h"
 #include "vqcomp.h"
 
 // The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline where counts
-// are told. Here the names are laid out once, and the digits of an address are made eight at a
-// time.
+// are told. Here the names are laid out once, and the digits of an address are made side by side.
 class line_format {
  public:
   line_format(const char* const* names, int name_count, bool with_counts)
@@ -62,6 +65,22 @@ class line_format {
     std::string whole;
   };
 
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+
+  // Writes the sixteen hexadecimal digits of `value`.
+  static void put_digits(char* to, std::uint64_t value) {
+    const __m128i low_bits = _mm_set1_epi8(0xF);
+    const __m128i bytes = _mm_cvtsi64_si128(static_cast<long long>(__builtin_bswap64(value)));
+    const __m128i digits = _mm_unpacklo_epi8(_mm_and_si128(_mm_srli_epi16(bytes, 4), low_bits),
+                                             _mm_and_si128(bytes, low_bits));
+    const __m128i letters =
+        _mm_and_si128(_mm_cmpgt_epi8(digits, _mm_set1_epi8(9)), _mm_set1_epi8('A' - '9' - 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to),
+                     _mm_add_epi8(_mm_add_epi8(digits, letters), _mm_set1_epi8('0')));
+  }
+
+#else
+
   // The characters of the eight hexadecimal digits of `value`, the first one lowest.
   static std::uint64_t hex_digits(std::uint32_t value) {
     constexpr std::uint64_t each = 0x0101010101010101;
@@ -73,13 +92,18 @@ class line_format {
     return digits + '0' * each + ('A' - '9' - 1) * letters;
   }
 
-  // Both halves are made always: how many digits there are is hard to foretell.
+  static void put_digits(char* to, std::uint64_t value) {
+    auto* const bytes = reinterpret_cast<unsigned char*>(to);
+    store_le<8>(bytes, hex_digits(std::uint32_t(value >> 32)));
+    store_le<8>(bytes + 8, hex_digits(std::uint32_t(value)));
+  }
+
+#endif
+
+  // Sixteen digits are made always: how many digits there are is hard to foretell.
   static char* put_address(char* to, std::uint64_t addr) {
     const int digits = std::max(fewest_digits, (int(std::bit_width(addr)) + 3) / 4);
-    const std::uint64_t left_aligned = addr << 4 * (most_digits - digits);
-    auto* const bytes = reinterpret_cast<unsigned char*>(to);
-    store_le<8>(bytes, hex_digits(std::uint32_t(left_aligned >> 32)));
-    store_le<8>(bytes + 8, hex_digits(std::uint32_t(left_aligned)));
+    put_digits(to, addr << 4 * (most_digits - digits));
     return to + digits;
   }
 

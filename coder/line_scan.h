@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
 #include <emmintrin.h>
 #endif
 
@@ -33,7 +33,7 @@ struct byte_marks {
   std::uint64_t newlines;
 };
 
-#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
 
 inline byte_marks mark_16(const char* from) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
@@ -80,7 +80,7 @@ inline constexpr auto hex_values = [] {
 }();
 
 // Takes a number of 1 to 16 hexadecimal digits that ends at `end`; false if there is anything else.
-#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
 
 inline __m128i load_16(const void* at) { return _mm_loadu_si128(static_cast<const __m128i*>(at)); }
 
@@ -164,7 +164,7 @@ struct name_word {
   std::uint64_t low = 0, high = 0;
 };
 
-#if defined(__SSE2__) && !defined(VQPACK_PORTABLE)
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
 
 inline name_word load_name(const char* end, unsigned length) {
   const __m128i name =

@@ -80,8 +80,9 @@ class recency_log {
     return position;
   }
 
-  // Takes the id at a 0-based position below size() out of the log.
-  std::uint32_t erase_at(unsigned position) {
+  // Takes the id at a 0-based position below size() out of the log and makes `newest`, which must
+  // not be in it, its newest.
+  std::uint32_t exchange(unsigned position, std::uint32_t newest) {
     unsigned living = head_ + position;  // to be passed over, the free slots first
     std::size_t i = 0;
     for (std::size_t n = before_.size(); n-- > 0;) {
@@ -93,8 +94,11 @@ class recency_log {
     }
     const unsigned k = select_bit(~dead_[i], living);
     dead_[i] |= bit(k);
-    --size_;
-    return id_at_[i * word_slots + k];
+    const std::uint32_t taken = id_at_[i * word_slots + k];
+    const auto moved = [](std::uint32_t, unsigned) {};
+    if (head_ == 0) make_room(moved);
+    take_slot(newest, moved);
+    return taken;
   }
 
  private:

@@ -2,6 +2,7 @@
 // byte. A signed number is cut off where the rest is a sign extension of bit 6. qubix(5).
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 
 #include "bytes.h"
@@ -71,7 +72,7 @@ Unsigned get_stop_bit(const unsigned char*& from) {
 // The same for a signed number of 64 bits.
 inline long long get_signed_stop_bit(const unsigned char*& from) {
   int bits;
-  unsigned long long value = get_stop_bit<unsigned long long>(from, bits);
-  if ((from[-1] & 0x40) && bits < 64) value |= ~0ull << bits;
-  return static_cast<long long>(value);
+  const auto value = get_stop_bit<unsigned long long>(from, bits);
+  const int unused = 64 - std::min(bits, 64);
+  return static_cast<long long>(value << unused) >> unused;
 }

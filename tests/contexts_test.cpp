@@ -131,9 +131,10 @@ TEST(ContextList, PositionsAmongAHundredThousand) {
       const std::size_t context = random() % latest.size();
       const int before = latest[context];
       const int position = before < 0 ? -1 : int(times.size() - 1 - times.order_of_key(before));
-      const auto addr = static_cast<long long>(context) * 1000;
+      const VQcomp::context wanted{static_cast<long long>(context) * 1000, int(context % 7), 28};
+      tested.prepare(1, [&](std::size_t) { return wanted; });
       long long prev;
-      ASSERT_EQ(tested.touch({addr, int(context % 7), 28}, prev), position) << time;
+      ASSERT_EQ(tested.touch(wanted, prev), position) << time;
       if (before >= 0) times.erase(before);
       times.insert(latest[context] = time);
       used.push_back(context);
