@@ -48,6 +48,7 @@ constexpr int largest_short_delta = 7;
 constexpr unsigned char new_context = 0x80;  // context number 0
 constexpr unsigned char no_agent = 0x80;     // in the code byte: agent 0, no byte follows
 constexpr unsigned char escaped_agent = 0xFF;
+constexpr unsigned highest_agent = 0xFFFF;
 
 // The longest record is a new context: head, context number, address, code, escape and agent. The
 // repeat count of the record before it may be written in the same call.
@@ -74,6 +75,7 @@ constexpr int longest_damaged_record = 1 << 24;
 
 constexpr char ends_early[] = "QUBIX file ends prematurely";
 constexpr char too_long[] = "Record too long";
+constexpr char agent_too_big[] = "Agent ID too big for this version";
 constexpr char cannot_write[] = "Can't write output";
 
 // Text input: velk(5).
@@ -681,7 +683,7 @@ const char* VQcomp::refusal(VQtransaction& t) const {
     t.addr &= 0xFF0000;
   else if (t.addr & 7)
     return "Lowest 3 bits of address not 0";
-  if (t.agent >> (wide_agents ? 16 : 8) != 0) return "Agent ID too big for this version";
+  if (t.agent >> (wide_agents ? 16 : 8) != 0) return agent_too_big;
   return nullptr;
 }
 
@@ -1102,6 +1104,8 @@ std::size_t VQuncomp::read(VQtransaction* transactions, std::size_t size) {
         fail("Transaction number out of range", base + head);
       case obstacle::bad_context:
         fail("Context number too high", base + head);
+      case obstacle::bad_agent:
+        fail(agent_too_big, base + head);
       case obstacle::too_long:
         fail(too_long, base + head);
       default:
@@ -1251,6 +1255,8 @@ struct VQuncomp::record_fields {
     found = obstacle::bad_context;
   else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
     found = obstacle::bad_trans;
+  else if (fields.is_new && unsigned(fields.introduced.agent) > highest_agent)
+    found = obstacle::bad_agent;
   if (found == obstacle::none)
     from = next;
   else

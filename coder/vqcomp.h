@@ -335,7 +335,8 @@ class VQuncomp {
 
   // Delivers the next transaction. Throws VQcomp_block, VQcomp_done, or VQcomp_error with the
   // 1-based number of the transaction and a byte offset. Inside a record, with its offset:
-  // "Transaction number out of range", "Context number too high" and, above 16 MiB, which only
+  // "Transaction number out of range", "Context number too high", "Agent ID too big for this
+  // version" (above 65535, of which the checksum would see 16 bits) and, above 16 MiB, which only
   // numbers with useless bytes can make, "Record too long". Behind the end marker, with the offset
   // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum", "Bad transaction
   // count", "Extra data follows good checksum -- file is bad?". Where the file ends without an end
@@ -376,7 +377,15 @@ class VQuncomp {
   struct record_fields;
 
   // What stands at `head` when a reader goes no further.
-  enum class obstacle { none, end_of_records, incomplete, too_long, bad_trans, bad_context };
+  enum class obstacle {
+    none,
+    end_of_records,
+    incomplete,
+    too_long,
+    bad_trans,
+    bad_context,
+    bad_agent
+  };
 
   // Readers of records: they deliver those that start before startable_end(), up to `size`, and
   // return how many. What stopped them is in `met`, and `head` is at its start.
