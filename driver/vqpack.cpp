@@ -1,6 +1,8 @@
 // vqpack, the command: converts between VELK text and QUBIX files, and between QUBIX file types.
 // Read from `main`, at the end, upwards.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -272,9 +274,26 @@ std::optional<int> scan_arguments(int argc, char** argv, run_settings& run) {
   return std::nullopt;
 }
 
+bool same_file(const struct stat& a, const struct stat& b) {
+  return S_ISREG(a.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// An output that is also read would be emptied, or would grow for ever.
+std::optional<int> refuse_shared_file(const run_settings& run) {
+  struct stat read, written;
+  if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return std::nullopt;
+  if (xfstat(run.from_stdin() ? "stdin" : run.infile, "r", read) && same_file(read, written))
+    return refuse("Input and output are the same file");
+  if (run.sensitivity && fstat(fileno(run.sensitivity.get()), &read) == 0 &&
+      same_file(read, written))
+    return refuse("Sensitivity file and output are the same file");
+  return std::nullopt;
+}
+
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
   in.reset(run.from_stdin() ? stdin : xfopen(run.infile, "r"));
   if (!in) return refuse("Can't open input file");
+  if (const auto status = refuse_shared_file(run)) return status;
   out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
   if (!out) return refuse("Can't open output file");
   // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on

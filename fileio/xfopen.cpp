@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -136,19 +137,39 @@ bool has_suffix(std::string_view name, std::string_view suffix) {
   return name.size() > suffix.size() && name.ends_with(suffix);
 }
 
-FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {
-  const bool reading = has(mode, 'r');
-  if (name.starts_with('|')) return open_command(name.substr(1), mode);
-  if (name.ends_with('|') && reading) return open_command(name.substr(0, name.size() - 1), "r");
+bool is_compressed(const std::string& name) {
+  return has_suffix(name, ".gz") || has_suffix(name, ".bz2");
+}
+
+bool is_command(const std::string& name, const char* mode) {
+  return name.starts_with('|') || (name.ends_with('|') && has(mode, 'r'));
+}
+
+// The standard stream of a name, or null.
+FILE* standard_stream(const std::string& name, const char* mode) {
   if (name == "stdout" && has(mode, 'w')) return stdout;
   if (name == "stderr" && has(mode, 'w')) return stderr;
-  if (name == "stdin" && reading) return stdin;
-  if (has_suffix(name, ".gz")) return open_compressed(gzip, name, mode);
-  if (has_suffix(name, ".bz2")) return open_compressed(bzip2, name, mode);
-  if (!reading || !try_others || can_read(name)) return checked_new(std::fopen(name.c_str(), mode));
-  if (can_read(name + ".gz")) return open_compressed(gzip, name + ".gz", mode);
-  if (can_read(name + ".bz2")) return open_compressed(bzip2, name + ".bz2", mode);
+  if (name == "stdin" && has(mode, 'r')) return stdin;
   return nullptr;
+}
+
+// The file that is read where `name` is asked for; an empty name when there is none.
+std::string find_file(const std::string& name) {
+  if (is_compressed(name)) return name;
+  for (const char* const suffix : {"", ".gz", ".bz2"})
+    if (can_read(name + suffix)) return name + suffix;
+  return {};
+}
+
+FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {
+  if (is_command(name, mode))
+    return name.starts_with('|') ? open_command(name.substr(1), mode)
+                                 : open_command(name.substr(0, name.size() - 1), "r");
+  if (FILE* const stream = standard_stream(name, mode)) return stream;
+  const std::string file = try_others && has(mode, 'r') ? find_file(name) : name;
+  if (has_suffix(file, ".gz")) return open_compressed(gzip, file, mode);
+  if (has_suffix(file, ".bz2")) return open_compressed(bzip2, file, mode);
+  return checked_new(std::fopen(file.c_str(), mode));
 }
 
 int wait_for(pid_t process) {
@@ -163,6 +184,13 @@ int wait_for(pid_t process) {
 FILE* xfopen(const char* name, const char* mode) { return _xfopen(name, mode, true); }
 
 FILE* xfopen_simple(const char* name, const char* mode) { return _xfopen(name, mode, false); }
+
+bool xfstat(const char* name, const char* mode, struct stat& status) {
+  if (is_command(name, mode)) return false;
+  if (FILE* const stream = standard_stream(name, mode)) return fstat(fileno(stream), &status) == 0;
+  const std::string file = has(mode, 'r') ? find_file(name) : name;
+  return stat(file.c_str(), &status) == 0;
+}
 
 int xfclose(FILE* stream) {
   std::unique_ptr<pfile>& place = find_pfile(stream);

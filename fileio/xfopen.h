@@ -1,6 +1,8 @@
 // Files by name, with compression and commands in between.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdio>
 
 // Opens `name` in a stdio mode; returns null on failure and prints nothing. The first rule that
@@ -16,6 +18,10 @@ FILE* xfopen(const char* name, const char* mode);
 
 // The same without trying other names.
 FILE* xfopen_simple(const char* name, const char* mode);
+
+// What stat() tells of the file that xfopen(name, mode) would open. False when there is none yet,
+// or when the name is a command.
+bool xfstat(const char* name, const char* mode, struct stat& status);
 
 // Closes a stream. Returns 0 on success; for the stream of a command or compressor, which is waited
 // for, its wait status if that is not 0; EOF when bytes could not be written.

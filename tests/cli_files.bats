@@ -1,0 +1,60 @@
+# Files: which are refused, what names may look like, and that no process is left behind.
+bats_require_minimum_version 1.5.0
+
+setup() {
+  mkdir "$BATS_TEST_TMPDIR/empty" # bats keeps files of its own around it
+  cd "$BATS_TEST_TMPDIR/empty"
+  trace=$SAMPLES/sort.velk
+}
+
+# shared ARGUMENT...: refused, and leaves its files as they are
+shared() {
+  local message="Input and output are the same file"
+  [ "$1" != -s ] || message="Sensitivity file and output are the same file"
+  local before=$(find . -type f -exec cksum {} +)
+  run -255 --separate-stderr "$VQPACK" "$@"
+  [ "$stderr" = "$message"$'\n\n'"See 'vqpack -h' for help" ] || { echo "$*: $stderr"; false; }
+  [ "$(find . -type f -exec cksum {} +)" = "$before" ]
+}
+
+@test "an output that is read, too, is refused before it is opened" {
+  "$VQPACK" -q "$trace" file
+  gzip -k file
+  echo 1 2 3 4 5 6 7 >points
+  ln file hard
+  ln -s file soft
+  mkdir folder
+  for name in file ./file hard soft folder/../file /dev/stdin /proc/self/fd/0; do
+    shared file "$name" <file
+    shared - "$name" <file
+    shared -v 5 stdin "$name" <file
+  done
+  shared file.gz file.gz
+  shared -s points -v 2 "$trace" points
+  for command in '"$VQPACK" file >>hard' '"$VQPACK" <file >>soft' '"$VQPACK" soft /dev/stdout >>file'; do
+    run -255 --separate-stderr bash -c "$command"
+    [ "${stderr_lines[0]}" = "Input and output are the same file" ]
+    zcat file.gz | cmp file -
+  done
+}
+
+@test "an input that is found by another name is refused as an output" {
+  "$VQPACK" -q "$trace" file.gz
+  shared file file.gz
+  # The same name without the suffix is another file.
+  "$VQPACK" file file
+  cmp "$trace" file
+}
+
+@test "inputs and outputs that may share a name" {
+  "$VQPACK" -q /dev/null /dev/null
+  "$VQPACK" -q - /dev/null </dev/null
+  mkfifo pipe
+  cat pipe >copy &
+  "$VQPACK" -q "|cat $trace" pipe
+  wait
+  "$VQPACK" copy | cmp "$trace" -
+  # The two ends of a pipe have the same name.
+  run timeout 5 bash -c '"$VQPACK" pipe /dev/null & "$VQPACK" -q "$SAMPLES/sort.velk" pipe && wait'
+  [ "$status" -eq 0 ]
+}
