@@ -75,23 +75,17 @@ TEST(Reader, Lines) {
   for (const auto& row : rows) EXPECT_EQ(read_all(row.text), row.result) << row.what;
 }
 
-// The road through the C library alone.
+std::string described(const transaction& t) {
+  std::ostringstream text;
+  text << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count;
+  return text.str();
+}
+
 std::string scan_plainly(FILE* file) {
-  char line[100], name[20], behind;
-  unsigned long long addr;
-  unsigned agent, count = 1;
-  if (!std::fgets(line, sizeof line, file)) return "end";
-  const int fields = std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &count, &behind);
-  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return "Bad input line";
-  if (fields == 3) count = 1;
-  std::ostringstream result;
-  try {
-    result << int(velk_trans_str2num_type1(name));
-  } catch (bool) {
-    return "Unknown transaction";
-  }
-  result << ' ' << static_cast<long long>(addr) << ' ' << int(agent) << ' ' << count;
-  return result.str();
+  transaction t;
+  char name[20];
+  const char* const msg = scan_plainly(file, t, name);
+  return msg ? msg : described(t);
 }
 
 std::string last_name;
@@ -107,9 +101,7 @@ std::string next_line(velk_reader& reader) {
   } catch (const VQcomp_error& error) {
     return error.msg;
   }
-  std::ostringstream result;
-  result << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count;
-  return result.str();
+  return described(t);
 }
 
 // Mostly well-formed lines, of which most then suffer in one place or more.

@@ -83,28 +83,43 @@ inline std::size_t end_size(coding c) {
 struct decoded {
   trace transactions;
   std::string error;  // empty: the file ended well
+  bool operator==(const decoded&) const = default;
 };
 
-// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it. A
-// damaged repeat count stands for billions of transactions, of which `most` are taken.
+// One transaction, through the call that throws; 0 when another chunk is needed.
+inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
+  try {
+    decoder.read(t.trans, t.addr, t.agent, t.count);
+    return 1;
+  } catch (const VQcomp_block&) {
+    return 0;
+  }
+}
+
+// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it,
+// and in helpings; 0 is one at a time. A damaged repeat count stands for billions of transactions,
+// of which `most` are taken.
 template <class NextSize>
-decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14) {
+decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
+               std::size_t helping = 0) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
+  std::vector<VQtransaction> taken(std::max<std::size_t>(helping, 1));
   auto from = file.begin();
   try {
     while (result.transactions.size() <= most) {
-      try {
-        transaction t;
-        decoder.read(t.trans, t.addr, t.agent, t.count);
-        result.transactions.push_back(t);
-      } catch (const VQcomp_block&) {
-        const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
-        chunk = bytes(from, to);
-        from = to;
-        decoder.put(chunk.data(), int(chunk.size()));
-      }
+      const std::size_t left = most + 1 - result.transactions.size();
+      const std::size_t size = helping ? decoder.read(taken.data(), std::min(helping, left))
+                                       : read_one(decoder, taken[0]);
+      for (std::size_t i = 0; i < size; ++i)
+        result.transactions.push_back(
+            {taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
+      if (size > 0) continue;
+      const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
+      chunk = bytes(from, to);
+      from = to;
+      decoder.put(chunk.data(), int(chunk.size()));
     }
     result.error = "too many transactions";
   } catch (const VQcomp_done&) {
@@ -126,6 +141,26 @@ std::string error_of(Call call) {
     return error.str();
   }
   return "no error";
+}
+
+// The next line of text through the C library alone. Returns what is wrong with it, null if nothing
+// is; "end" when there is none.
+inline const char* scan_plainly(FILE* file, transaction& t, char (&name)[20]) {
+  char line[100], behind;
+  unsigned long long addr;
+  unsigned agent;
+  if (!std::fgets(line, sizeof line, file)) return "end";
+  const int fields = std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &t.count, &behind);
+  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return "Bad input line";
+  if (fields == 3) t.count = 1;
+  t.addr = static_cast<long long>(addr);
+  t.agent = int(agent);
+  try {
+    t.trans = velk_trans_str2num_type1(name);
+  } catch (bool) {
+    return "Unknown transaction";
+  }
+  return nullptr;
 }
 
 // The remainder of the bytes, and of four zero bytes more when it is `closed`, bit by bit.
