@@ -9,12 +9,6 @@ namespace {
 // Repeats of a few damaged bytes stand for billions of transactions.
 constexpr std::size_t most = 1 << 12;
 
-// The one position that depends on the chunks is that behind an end marker.
-std::string without_place(const std::string& error) {
-  return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
-                                                          : error;
-}
-
 decoded read_stream(velk_reader& reader) {
   decoded result;
   VQtransaction taken[100];

@@ -155,63 +155,6 @@ TEST(Coder, TracesOfManyContextsComeBack) {
   }
 }
 
-TEST(Coder, ChunksDoNotMatter) {
-  std::mt19937 random(5);
-  for (const coding c : all_codings) {
-    const trace transactions = random_trace(3, 40, c);
-    const bytes file = encode(transactions, c);
-    for (int cut = 5; cut < int(file.size()); ++cut) {
-      int next = cut;
-      const decoded read = decode(file, [&] { return std::exchange(next, 65536); });
-      ASSERT_TRUE(read.transactions == transactions && read.error.empty())
-          << c << " cut at " << cut;
-    }
-    for (int round = 0; round < 20; ++round) {
-      const unsigned longest = 1u << random() % 8;
-      const decoded read = decode(file, [&, first = true]() mutable {
-        return std::exchange(first, false) ? 5 : int(1 + random() % longest);
-      });
-      ASSERT_TRUE(read.transactions == transactions && read.error.empty()) << c << read.error;
-    }
-  }
-}
-
-bool is_prefix(const trace& part, const trace& whole) {
-  return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
-}
-
-TEST(Coder, EveryTruncationIsNoticed) {
-  for (const coding c : all_codings) {
-    const trace transactions = random_trace(8, 25, c);
-    const bytes file = encode(transactions, c);
-    for (auto end = file.begin(); end != file.end(); ++end)
-      for (const int chunk : {1024, 7}) {
-        const decoded read = decode(bytes(file.begin(), end), [=] { return chunk; });
-        ASSERT_TRUE(read.error.starts_with("Input ends early") ||
-                    read.error.starts_with("QUBIX file ends prematurely") ||
-                    read.error.starts_with("Not enough in first block for header"))
-            << c << " of " << end - file.begin() << " bytes: " << read.error;
-        ASSERT_TRUE(is_prefix(read.transactions, transactions))
-            << c << " of " << end - file.begin();
-      }
-  }
-}
-
-TEST(Coder, EveryChangedByteIsNoticedOrHarmless) {
-  for (const coding c : all_codings) {
-    const trace transactions = random_trace(8, 25, c);
-    bytes file = encode(transactions, c);
-    for (unsigned char& byte : file)
-      for (const int change : {0x01, 0x10, 0x80, 0xFF}) {
-        byte = static_cast<unsigned char>(byte ^ change);
-        const decoded read = decode(file);
-        EXPECT_TRUE(!read.error.empty() || read.transactions == transactions)
-            << c << " byte " << &byte - file.data() << " changed by " << change;
-        byte = static_cast<unsigned char>(byte ^ change);
-      }
-  }
-}
-
 TEST(Coder, DamagedRecords) {
   const char *const position = "Context number too high",
                     *const type = "Transaction number out of range",

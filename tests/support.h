@@ -86,6 +86,12 @@ struct decoded {
   bool operator==(const decoded&) const = default;
 };
 
+// An error without the one position that depends on the chunks, that behind an end marker.
+inline std::string without_place(const std::string& error) {
+  return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
+                                                          : error;
+}
+
 // One transaction, through the call that throws; 0 when another chunk is needed.
 inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
   try {
