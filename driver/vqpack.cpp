@@ -1,7 +1,9 @@
 // vqpack, the command: converts between VELK text and QUBIX files, and between QUBIX file types.
 // Read from `main`, at the end, upwards.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -272,6 +274,14 @@ std::optional<int> scan_arguments(int argc, char** argv, run_settings& run) {
     }
   }
   return std::nullopt;
+}
+
+// A file that is opened must not become a standard stream that was closed: messages would go into
+// an output. What takes those places fails as a closed descriptor does.
+void occupy_standard_streams() {
+  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (fcntl(place, F_GETFD) == -1)
+      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
 }
 
 bool same_file(const struct stat& a, const struct stat& b) {
@@ -662,6 +672,7 @@ int close_streams(stream& in, stream& out, int status) {
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
+  occupy_standard_streams();
   run_settings run;
   stream in, out;
   if (const auto status = scan_arguments(argc, argv, run)) return *status;

@@ -58,3 +58,30 @@ shared() {
   run timeout 5 bash -c '"$VQPACK" pipe /dev/null & "$VQPACK" -q "$SAMPLES/sort.velk" pipe && wait'
   [ "$status" -eq 0 ]
 }
+
+@test "no process outlives the run" {
+  "$VQPACK" -q "$trace" file.gz
+  { cat "$trace"; echo bad; } | bzip2 >bad.bz2
+  head -c 1000 file.gz >short.gz
+  ln -s /dev/full full.gz
+  # The lock lasts until all who inherited it have ended.
+  while IFS= read -r arguments; do
+    eval "flock lock \"$VQPACK\" -q $arguments" </dev/null 2>/dev/null || true
+    flock -n lock true || { echo "$arguments"; false; }
+  done <<'END'
+file.gz out
+file.gz out.gz
+file.gz missing/out
+file.gz file.gz
+file.gz full.gz
+-v 0 -c file.gz out.gz
+-v 5 file.gz
+-p -v 1 "$trace" out.gz
+-v 4 bad.bz2 out.gz
+-v 4 -ml 65536 file.gz out.gz
+short.gz out.gz
+-v 0 "while cat $trace; do :; done|" full.gz
+-s missing file.gz out.gz
+-v 2 -s /dev/zero file.gz out.gz
+END
+}
