@@ -300,8 +300,23 @@ std::optional<int> refuse_shared_file(const run_settings& run) {
   return std::nullopt;
 }
 
+// The kind of file that a name stands for when it is read, as in st_mode; 0 for commands.
+mode_t kind_of_input(const char* name) {
+  struct stat status;
+  return xfstat(name, "r", status) ? status.st_mode & S_IFMT : 0;
+}
+
+// A pipe with a name is gone when it is opened again. A command is run again.
+bool is_read_once(const char* name) {
+  const mode_t kind = kind_of_input(name);
+  return kind == S_IFIFO || kind == S_IFSOCK;
+}
+
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
-  in.reset(run.from_stdin() ? stdin : xfopen(run.infile, "r"));
+  if (run.from_stdin())
+    in.reset(stdin);
+  else if (kind_of_input(run.infile) != S_IFDIR)
+    in.reset(xfopen(run.infile, "r"));
   if (!in) return refuse("Can't open input file");
   if (const auto status = refuse_shared_file(run)) return status;
   out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
@@ -621,8 +636,9 @@ int convert(run_settings& run, stream& in, FILE* out) {
   auto reader = std::make_unique<velk_reader>(in.get(), nullptr);
   const bool text_input = reader->is_text();
   // A count takes a reading of its own: it is made only where it will show.
-  const bool want_count = run.show_metadata || run.version >= first_version_with_header;
-  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count && in.get() != stdin));
+  const bool count_shows = run.show_metadata || run.version >= first_version_with_header;
+  const bool want_count = count_shows && in.get() != stdin && !is_read_once(run.infile);
+  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count));
   if (reader->needs_rewind()) {
     reader.reset();
     in.reset();

@@ -59,6 +59,53 @@ shared() {
   [ "$status" -eq 0 ]
 }
 
+# opened NAME: the trace goes into a file of that name and comes back
+opened() {
+  "$VQPACK" -q "$trace" "$1"
+  "$VQPACK" "$1" | cmp "$trace" -
+}
+
+@test "names stay names" {
+  local deep=$(printf 'd/%.0s' {1..2000})
+  mkdir -p "$deep"
+  for name in "a b.gz" '$(touch pwned).gz' "'; x.bz2" ./-x.gz $'new\nline.gz' '`touch pwned`;*.bz2' \
+      "${deep}f" "${deep}g.gz" "$(printf 'x%.0s' {1..255})"; do
+    opened "$name"
+  done
+  [ "$(find . -type f | wc -l)" -eq 10 ] # one of them has two lines
+  [ ! -e pwned ]
+  run -255 "$VQPACK" -q "$trace" -x.gz
+  [ "${lines[0]}" = "-x unknown switch" ]
+}
+
+@test "names that cannot be opened" {
+  mkdir folder folder.gz
+  : >file
+  local long=$(printf 'x%.0s' {1..4000})
+  for name in folder folder.gz missing/file missing/file.gz file/file "$long" "$long.gz" ""; do
+    run -255 "$VQPACK" "$name" out
+    [ "${lines[0]}" = "Can't open input file" ]
+    [ ! -e out ]
+    run -255 "$VQPACK" "$trace" "$name"
+    [ "${lines[0]}" = "Can't open output file" ]
+  done
+}
+
+@test "pipes with names are read once" {
+  mkfifo pipe
+  for options in "" "-v 0" "-v 4"; do
+    cat "$trace" >pipe &
+    timeout 20 "$VQPACK" -q $options pipe out
+    "$VQPACK" out | cmp "$trace" -
+    cat "$trace" | "$VQPACK" -q $options /dev/stdin out
+    "$VQPACK" out | cmp "$trace" -
+    # A file can be read twice by any name.
+    "$VQPACK" -q $options "$trace" again
+    "$VQPACK" -q $options /dev/stdin out <"$trace"
+    cmp again out
+  done
+}
+
 @test "no process outlives the run" {
   "$VQPACK" -q "$trace" file.gz
   { cat "$trace"; echo bad; } | bzip2 >bad.bz2
