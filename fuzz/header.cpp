@@ -19,8 +19,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const bool loses_limit = header->compression == 0 && header->max_contexts != 0;
   int encoded_size = 0;
   std::unique_ptr<unsigned char[]> encoded;
-  const std::string error =
-      error_of([&] { encoded.reset(VQcomp::pruv_header_struct_to_bytes(*header, encoded_size)); });
+  error_of([&] { encoded.reset(VQcomp::pruv_header_struct_to_bytes(*header, encoded_size)); });
   require(unsupported == !encoded, "what the fields hold can be encoded");
   if (!encoded || loses_limit) return 0;
   require(encoded_size == int(body.size()) + 2 &&
