@@ -12,7 +12,8 @@
 namespace {
 
 bool fails(FILE* stream) {
-  static int left = std::atoi(std::getenv("FAILING_CALL"));
+  static const char* const call = std::getenv("FAILING_CALL");
+  static int left = call ? std::atoi(call) : 0;
   if (!__fwritable(stream) || fileno(stream) <= STDERR_FILENO || --left != 0) return false;
   errno = ENOSPC;
   return true;
