@@ -10,7 +10,11 @@
 //           store it, elsewhere it reads back as 1.
 //
 // To write a file: construct a VQcomp, call record() for each transaction, finish(), write out the
-// rest. To read one: velk_reader over a stream, of text or QUBIX; or VQuncomp, fed by hand.
+// rest. To read one: velk_reader over a stream, of text or QUBIX; or VQuncomp, fed by hand. The
+// programs in examples/ do both.
+//
+// Installed, this is <vqpack/vqcomp.h>, needs C++20 and links with CMake's vqpack::vqcomp, from
+// find_package(vqpack), or what `pkg-config --cflags --libs vqpack` prints.
 //
 // Every failure is a VQcomp_error, thrown by value. VQcomp_block and VQcomp_done are signals of the
 // ordinary course of things. None of the objects may be used by two threads at once.
@@ -38,6 +42,8 @@ class context_list;
 class text_source;
 template <class T>
 class inslist;
+
+#pragma GCC visibility push(default)  // of a shared library: what this header declares is its all
 
 // Errors and signals
 
@@ -162,6 +168,11 @@ std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& o
 // Without one, record() throws VQcomp_block whenever a block is full: the caller writes that many
 // bytes from the start of `buffer`, calls reset_buffer() and goes on with the *next* transaction;
 // the one that was given has been recorded.
+//
+// The count of transactions is not known until the end. Types 0 and 1 without seeking carry it
+// behind the checksum, as readers expect. In types 2 to 5 the header's `trans_count` is written as
+// it stands: readers refuse a file that holds another number of transactions, but take 0 for any,
+// and cannot use -1, so give the true number or 0, or rewrite the header.
 class VQcomp {
  public:
   // Names by code: eight types without a size, with three sizes and an unknown one; then others.
@@ -198,6 +209,7 @@ class VQcomp {
   // to be coded against it; it is rounded down to 8-byte units, so that below 8 nothing matches.
   // (Where four-field files count the addresses of deferred replies in units of 64 KiB, it is the
   // same number of those.)
+  // vqpack(1) takes a `size` of 1024, a `window` of 65535 and a context limit of 16383.
   // Throws VQcomp_error, without positions, for arguments out of range and headers that cannot be
   // encoded.
   VQcomp(FILE* out, int version, PRUV_header_t* header, int size, long long window);
@@ -513,3 +525,5 @@ class velk_reader {
   bool usual_names;                // those that the fast scan of lines knows
   unsigned long long line_no = 0;  // text lines read or counted
 };
+
+#pragma GCC visibility pop
