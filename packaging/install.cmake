@@ -24,6 +24,7 @@ install(FILES completions/_vqpack DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-
 install(FILES completions/vqpack.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES bench/comparison.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
 install(FILES examples/CMakeLists.txt examples/count.cpp examples/transpose.cpp
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
