@@ -7,6 +7,7 @@
 The sample is left out: one short trace many times over shows who finds the repetition.
 """
 import fileinput
+import io
 import os
 import subprocess
 import sys
@@ -99,7 +100,9 @@ def main():
     figure.supxlabel("million transactions a second of one thread (logarithmic)", fontsize=10)
     figure.supylabel("bytes a transaction", fontsize=10)
     # Nothing that differs from run to run, so that the picture changes with the numbers alone.
-    figure.savefig(sys.stdout.buffer, format="svg", metadata={"Date": None, "Creator": None})
+    picture = io.StringIO()
+    figure.savefig(picture, format="svg", metadata={"Date": None, "Creator": None})
+    print("\n".join(line.rstrip() for line in picture.getvalue().splitlines()))
 
 
 main()
