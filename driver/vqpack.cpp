@@ -21,6 +21,7 @@
 
 #include "coder/line_format.h"
 #include "coder/vqcomp.h"
+#include "driver/progress.h"
 #include "fileio/xfopen.h"
 
 namespace {
@@ -300,22 +301,21 @@ std::optional<int> refuse_shared_file(const run_settings& run) {
   return std::nullopt;
 }
 
-// The kind of file that a name stands for when it is read, as in st_mode; 0 for commands.
-mode_t kind_of_input(const char* name) {
+// The kind of file that a name stands for in a stdio mode, as in st_mode; 0 for commands.
+mode_t kind_of_file(const char* name, const char* mode) {
   struct stat status;
-  return xfstat(name, "r", status) ? status.st_mode & S_IFMT : 0;
+  return xfstat(name, mode, status) ? status.st_mode & S_IFMT : 0;
 }
 
+bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
+
 // A pipe with a name is gone when it is opened again. A command is run again.
-bool is_read_once(const char* name) {
-  const mode_t kind = kind_of_input(name);
-  return kind == S_IFIFO || kind == S_IFSOCK;
-}
+bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
   if (run.from_stdin())
     in.reset(stdin);
-  else if (kind_of_input(run.infile) != S_IFDIR)
+  else if (kind_of_file(run.infile, "r") != S_IFDIR)
     in.reset(xfopen(run.infile, "r"));
   if (!in) return refuse("Can't open input file");
   if (const auto status = refuse_shared_file(run)) return status;
@@ -630,10 +630,24 @@ void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* head
   text.flush();
 }
 
+// Progress is shown on a terminal where nothing else is: not text, nor what reads a pipe or is a
+// command, a pager, say.
+bool shows_progress(const run_settings& run, FILE* out) {
+  if (run.quiet || !isatty(STDERR_FILENO) || isatty(fileno(out))) return false;
+  const mode_t kind = kind_of_file(run.outfile ? run.outfile : "stdout", "w");
+  return kind != 0 && !is_pipe(kind);
+}
+
+std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
+  if (watched) return std::make_unique<watched_reader>(in);
+  return std::make_unique<velk_reader>(in, nullptr);
+}
+
 // Everything between the opening of the streams and their closing. Returns the exit status, or
 // throws VQcomp_error.
 int convert(run_settings& run, stream& in, FILE* out) {
-  auto reader = std::make_unique<velk_reader>(in.get(), nullptr);
+  const bool watched = shows_progress(run, out);
+  auto reader = open_reader(in.get(), watched);
   const bool text_input = reader->is_text();
   // A count takes a reading of its own: it is made only where it will show.
   const bool count_shows = run.show_metadata || run.version >= first_version_with_header;
@@ -644,7 +658,7 @@ int convert(run_settings& run, stream& in, FILE* out) {
     in.reset();
     in.reset(xfopen(run.infile, "r"));
     if (!in) return refuse("Can't reopen input");
-    reader = std::make_unique<velk_reader>(in.get(), nullptr);
+    reader = open_reader(in.get(), watched);
   }
   if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
 

@@ -1,0 +1,117 @@
+#include "driver/progress.h"
+
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::seconds patience(2);
+constexpr std::chrono::milliseconds period(250);
+// Transactions between two looks at the clock: one costs a thousandth of the time of so many.
+constexpr unsigned long long look_interval = 1024;
+
+// The columns that a line can use without being broken; the last one is left free.
+std::size_t usable_width() {
+  winsize window;
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0;
+  return known ? window.ws_col - 1U : 79;
+}
+
+// A job in the background leaves the line to the shell.
+bool in_background() {
+  const pid_t foreground = tcgetpgrp(STDERR_FILENO);
+  return foreground != -1 && foreground != getpgrp();
+}
+
+template <class... Values>
+std::string formatted(const char* format, Values... values) {
+  char text[64];
+  std::snprintf(text, sizeof text, format, values...);
+  return text;
+}
+
+// "9999", "10.0 k", "12.3 M"
+std::string amount(double n) {
+  if (n < 10000) return formatted("%.0f", std::floor(n));
+  const char* unit = " kMGTPE";
+  for (; n >= 999.95; n /= 1000) ++unit;
+  return formatted("%.1f %c", n, *unit);
+}
+
+// "0:07", "12:34:56"
+std::string duration(double seconds) {
+  const double minutes = std::floor(seconds / 60), hours = std::floor(minutes / 60);
+  const int s = int(seconds - 60 * minutes), m = int(minutes - 60 * hours);
+  return hours > 0 ? formatted("%.0f:%02d:%02d", hours, m, s) : formatted("%d:%02d", m, s);
+}
+
+}  // namespace
+
+watched_reader::watched_reader(FILE* input)
+    : velk_reader(input, nullptr), next_show_(start_ + patience), start_offset_(ftello(input)) {}
+
+watched_reader::~watched_reader() { wipe(); }
+
+std::size_t watched_reader::read(VQtransaction* transactions, std::size_t size) {
+  try {
+    const std::size_t delivered = velk_reader::read(transactions, size);
+    count(delivered);
+    if (delivered == 0) wipe();
+    return delivered;
+  } catch (...) {
+    wipe();
+    throw;
+  }
+}
+
+void watched_reader::count(std::size_t transactions) {
+  transactions_ += transactions;
+  if (transactions_ < next_look_) return;
+  next_look_ = transactions_ + look_interval;
+  const clock::time_point now = clock::now();
+  if (now < next_show_ || in_background()) return;
+  next_show_ = now + period;
+  const std::size_t width = usable_width();
+  show(line(std::chrono::duration<double>(now - start_).count(), width), width);
+}
+
+// The first parts matter most; those that do not fit are left out. Once all of a file is in
+// buffers, its size tells no more how much is left: a few bytes of QUBIX may stand for very many
+// transactions.
+std::string watched_reader::line(double seconds, std::size_t width) const {
+  std::string words;
+  const auto add = [&](const std::string& part) {
+    const std::string separator = words.empty() ? "" : ", ";
+    if (words.size() + separator.size() + part.size() <= width) words += separator + part;
+  };
+  struct stat input;  // asked each time: it may be growing
+  const off_t offset = ftello(fp());
+  if (offset > start_offset_ && fstat(fileno(fp()), &input) == 0 && S_ISREG(input.st_mode) &&
+      offset < input.st_size) {
+    const double done = double(offset - start_offset_), left = double(input.st_size - offset);
+    add(formatted("%d%%", int(100 * double(offset) / double(input.st_size))));
+    add(duration(std::ceil(seconds * left / done)) + " left");
+  }
+  add(amount(double(transactions_)) + " transactions");
+  add(amount(double(transactions_) / seconds) + "/s");
+  return words;
+}
+
+// Blanks wipe on every terminal.
+void watched_reader::show(std::string words, std::size_t width) {
+  const std::size_t before = std::exchange(shown_, words.size());
+  words.resize(std::max(words.size(), std::min(before, width)), ' ');
+  std::cerr << '\r' + words << std::flush;
+}
+
+void watched_reader::wipe() {
+  if (shown_ == 0 || in_background()) return;
+  show("", usable_width());
+  std::cerr << '\r' << std::flush;
+}
