@@ -23,7 +23,7 @@ std::size_t usable_width() {
   return known ? window.ws_col - 1U : 79;
 }
 
-// A job in the background leaves the line to the shell.
+// A job in the background leaves the terminal to the shell.
 bool in_background() {
   const pid_t foreground = tcgetpgrp(STDERR_FILENO);
   return foreground != -1 && foreground != getpgrp();

@@ -55,7 +55,7 @@ drew() {
   on_terminal pipe '"$VQPACK" "$slow" | cat >pipe.qu'
   on_terminal command '"$VQPACK" "$slow" "|cat >command.qu"'
   "$VQPACK" -q -v 0 "$trace" raw.qu
-  on_terminal text '"$VQPACK" "(head -c 50000 raw.qu; sleep 2.2; tail -c +50001 raw.qu)|"'
+  on_terminal text '"$VQPACK" "(head -c 20000 raw.qu; sleep 2.2; tail -c +20001 raw.qu)|"'
   wait
 
   holds short $'QUBIX compressor used 18 contexts with average distance 2\r\n'
