@@ -30,9 +30,11 @@ class context_list {
   context_list(unsigned max_contexts, long long window)
       : max_contexts_(max_contexts),
         reach_(window - 1),
-        matching_(window < 1 ? 0 : std::uint64_t(2 * window - 1)),
+        match_span_(window < 1 ? 0 : std::uint64_t(2 * window - 1)),
         region_bits_(region_bits(window)) {
-    entries_.push_back({0, no_key, 0, none, none, oldest});
+    // Entry 0 ends every chain: nothing matches it, and it is older than all others.
+    entries_.push_back(
+        {.addr = 0, .key = no_key, .chain = 0, .newer = none, .older = none, .slot = oldest});
     rehash();
   }
 
@@ -104,7 +106,7 @@ class context_list {
   long long region_of(long long addr) const { return addr >> region_bits_; }
 
   bool matches(const entry& e, std::uint32_t key, long long addr) const {
-    return std::uint64_t(addr - e.addr + reach_) < matching_ && e.key == key;
+    return std::uint64_t(addr - e.addr + reach_) < match_span_ && e.key == key;
   }
 
   static std::uint64_t hash(std::uint32_t key, long long region) {
@@ -128,6 +130,7 @@ class context_list {
   }
 
   std::uint32_t find(const VQcomp::context& wanted) const {
+    if (match_span_ == 0) return none;
     const std::uint32_t key = key_of(wanted);
     const auto [home, neighbour] = chains_for(wanted);
     const std::uint32_t here = first_match(home, key, wanted.addr, oldest);
@@ -191,8 +194,8 @@ class context_list {
   }
 
   unsigned max_contexts_;
-  long long reach_;         // furthest distance that matches, and
-  std::uint64_t matching_;  // the number of those in both directions and none
+  long long reach_;           // furthest distance that matches, and
+  std::uint64_t match_span_;  // the number of distances that do, in both directions and none
   int region_bits_;
   int chain_shift_ = 64 - 6;  // rehash() makes it 64 less the bits of a chain number
   std::uint32_t front_ = none;

@@ -34,8 +34,7 @@ class inslist {
     if (front_.size() < front_order::most)
       front_ids_[front_.add()] = id;
     else
-      older_.push(std::exchange(front_ids_[front_.move_to_front(front_order::most - 1)], id),
-                  [](unsigned, unsigned) {});
+      older_.push(std::exchange(last_of_front(), id), [](unsigned, unsigned) {});
     return &elements_[id];
   }
 
@@ -44,12 +43,15 @@ class inslist {
   T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
     if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
-    unsigned& last = front_ids_[front_.move_to_front(front_order::most - 1)];
-    last = older_.exchange(index - front_order::most, last);
-    return &elements_[last];
+    unsigned& place = last_of_front();
+    place = older_.exchange(index - front_order::most, place);
+    return &elements_[place];
   }
 
  private:
+  // Moves the last place of the front to its head, where another id may come into it.
+  unsigned& last_of_front() { return front_ids_[front_.move_to_front(front_order::most - 1)]; }
+
   void drop_block() {
     for (unsigned i = 0; i < block_elements; ++i) {
       const unsigned slot = older_.back();

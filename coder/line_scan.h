@@ -24,8 +24,8 @@
 namespace line_scan {
 
 // Bytes that must be readable from the start of a line on and before it, whatever they are.
-constexpr int readable_behind = 64 + 16;
-constexpr int readable_before = 16;
+constexpr std::size_t readable_behind = 64;
+constexpr std::size_t readable_before = 16;
 
 // Bit i tells of byte i: it is a blank, it is a newline.
 struct byte_marks {

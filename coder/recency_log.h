@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <vector>
 
 #include "prefetch.h"
@@ -23,15 +24,16 @@
 // When the log is full, the living slots are moved together at its upper end.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
-// slots, is called with each id and its slot then.
+// slots, is called with each id and its slot then. Throws std::length_error above 2^29 ids.
 class recency_log {
  public:
   unsigned size() const { return size_; }
 
   std::uint32_t id(unsigned slot) const { return id_at_[slot]; }
 
-  // Fetches what a use of `slot` reads into the caches.
+  // Fetches what a use of `slot` reads into the caches, if there is such a slot.
   void prepare(unsigned slot) const {
+    if (slot >= id_at_.size()) return;
     prefetch(&dead_[slot / word_slots]);
     prefetch(&before_[0][slot / (word_slots * fanout)]);
     prefetch(&id_at_[slot]);
@@ -58,7 +60,7 @@ class recency_log {
   }
 
   void erase(unsigned slot) {
-    bury(slot);
+    kill(slot);
     --size_;
   }
 
@@ -74,7 +76,7 @@ class recency_log {
   template <class Moved>
   unsigned move_to_front(unsigned slot, Moved moved) {
     const std::uint32_t id = id_at_[slot];
-    const unsigned position = bury(slot) - head_;
+    const unsigned position = kill(slot) - head_;
     if (head_ == 0) make_room(moved);
     take_slot(id, moved);
     return position;
@@ -104,6 +106,7 @@ class recency_log {
  private:
   static constexpr unsigned word_slots = 64;
   static constexpr unsigned fanout = 8;
+  static constexpr unsigned most_ids = 1 << 29;  // so that their slots can be counted
   static constexpr unsigned fewest_slots = fanout * fanout * word_slots;
 
   // Before each of eight elements: the living slots of those that come first.
@@ -119,7 +122,7 @@ class recency_log {
                                         {0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0}};
 
   // Lets `slot` die; returns the number of living ones below it.
-  unsigned bury(unsigned slot) {
+  unsigned kill(unsigned slot) {
     std::size_t i = slot / word_slots;
     unsigned living = count_bits(~dead_[i] & (bit(slot) - 1));
     dead_[i] |= bit(slot);
@@ -181,6 +184,7 @@ class recency_log {
   // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
   void make_room(Moved moved) {
+    if (size_ >= most_ids) throw std::length_error("recency_log");
     const unsigned slots =
         std::max({fewest_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
     id_at_.resize(slots);

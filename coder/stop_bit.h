@@ -13,11 +13,11 @@ constexpr unsigned char stop_bit = 0x80;
 // The most bytes that a number of `bits` significant bits takes.
 constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / stop_bit_group; }
 
-// The lower 14 bits of a number, as two bytes or, unless `is_long`, as one. Which lengths follow
-// each other is hard to foretell: so two bytes are written in any case, without a branch.
-inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned bits, bool is_long) {
-  store_le<2>(to, (bits & 0x7F) | (bits & 0x3F80) << 1 | unsigned(stop_bit) << 8 * is_long);
-  return to + 1 + is_long;
+// The lower 14 bits of a number in two bytes or, of 7 bits, in one. Which lengths follow each other
+// is hard to foretell: so two bytes are written in any case, without a branch.
+inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool two_bytes) {
+  store_le<2>(to, (value & 0x7F) | (value & 0x3F80) << 1 | unsigned(stop_bit) << 8 * two_bytes);
+  return to + 1 + two_bytes;
 }
 
 // Writes `value` at `to` and returns the position behind it. May write one byte more.
@@ -40,17 +40,17 @@ inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
 // Reads a number of any length at `from` and moves `from` behind it; `bits` receives the number of
 // bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller sees to it
 // that a byte with the stop bit set follows within the allocation, and one more byte. Numbers of
-// one and of two bytes take the same way, for the same reason as above.
+// one and of two bytes take the same way, without a branch, as in put_short_stop_bit().
 template <class Unsigned>
 Unsigned get_stop_bit(const unsigned char*& from, int& bits) {
   static_assert(std::is_unsigned_v<Unsigned>);
   constexpr int width = 8 * sizeof(Unsigned);
   const auto pair = unsigned(load_le<2>(from));
   if (pair & (stop_bit | stop_bit << 8)) {
-    const unsigned is_long = ~pair >> 7 & 1;
-    from += 1 + is_long;
-    bits = stop_bit_group * int(1 + is_long);
-    return (pair & 0x7F) | (pair >> 1 & 0x3F80 & -is_long);
+    const unsigned two_bytes = ~pair >> 7 & 1;
+    from += 1 + two_bytes;
+    bits = stop_bit_group * int(1 + two_bytes);
+    return (pair & 0x7F) | (pair >> 1 & 0x3F80 & -two_bytes);
   }
   Unsigned value = 0;
   for (bits = 0;;) {

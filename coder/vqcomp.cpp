@@ -68,8 +68,10 @@ static_assert(longest_with_repeat <= usual_margin + 1 && longest_end <= usual_ma
 constexpr std::size_t step = 64;
 constexpr unsigned most_repeats = UINT_MAX;
 
-// The numbers that one damaged record may hold, each stopped by a guard byte at the latest.
+// Behind the valid bytes. A record that is cut off right behind its head takes four of them, each
+// for a number or its code, and looks at one more.
 constexpr int guard_bytes = 6;
+static_assert(4 + 1 <= guard_bytes);
 constexpr int smallest_capacity = 1045;  // one chunk of 1024 bytes and what was left ahead of it
 constexpr int longest_damaged_record = 1 << 24;
 
@@ -81,6 +83,8 @@ constexpr char cannot_write[] = "Can't write output";
 // Text input: velk(5).
 constexpr int longest_line = 99;           // characters, newline included; the rest is another line
 constexpr int longest_counted_piece = 98;  // the same when lines are only counted
+static_assert(text_source::readable >= line_scan::readable_behind &&
+              text_source::readable_before >= line_scan::readable_before);
 
 constexpr velk_trans_class last_trans = std::size(VQcomp::FSB_transactions) - 1;
 
@@ -823,9 +827,9 @@ unsigned char* put_new_context(unsigned char* to, long long unit_addr) {
   return put_stop_bit(to, static_cast<unsigned long long>(unit_addr) >> 4);
 }
 
-// Puts a repeat count into the record at `record`, whose other bytes end at `to`.
-unsigned char* put_repeat(unsigned char* record, unsigned char* to, unsigned repeat) {
-  *record |= static_cast<unsigned char>(std::min(repeat, long_repeat) << repeat_shift);
+// Puts a repeat count into the record at `head`, whose other bytes end at `to`.
+unsigned char* put_repeat(unsigned char* head, unsigned char* to, unsigned repeat) {
+  *head |= static_cast<unsigned char>(std::min(repeat, long_repeat) << repeat_shift);
   return repeat < long_repeat ? to : put_stop_bit(to, repeat - last_short_repeat);
 }
 
@@ -862,7 +866,7 @@ void VQcomp::prepare_contexts(const VQtransaction* transactions, std::size_t siz
 // nothing: it is counted, and the count is put into the head byte of the record that it repeats.
 std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::size_t size) {
   unsigned char* const block_end = at(block_size);
-  unsigned char* record = at(mark);
+  unsigned char* head = at(mark);  // of the latest record
   unsigned char* to = at(used);
   unsigned repeat = pending_repeat;
   const auto unit_address = [](const VQtransaction& t) { return to_units(t.addr, usual_unit); };
@@ -878,12 +882,12 @@ std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::si
         (prev >> shift) + 1 == unit_addr >> shift && repeat < most_repeats) {
       ++repeat;
     } else {
-      record = put_repeat(record, to, std::exchange(repeat, 0));
-      to = put_record(record, t, unit_addr, position, prev);
+      head = put_repeat(head, to, std::exchange(repeat, 0));
+      to = put_record(head, t, unit_addr, position, prev);
     }
   } while (done < size && to < block_end);
   pending_repeat = repeat;
-  mark = int(record - buffer.get());
+  mark = int(head - buffer.get());
   used = int(to - buffer.get());
   return done;
 }
@@ -902,9 +906,9 @@ std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::si
     const long long unit_addr = unit_address(t);
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
-    unsigned char* const record = to;
-    to = put_record(record, t, unit_addr, position, prev);
-    to = put_repeat(record, to, t.count);
+    unsigned char* const head = to;
+    to = put_record(head, t, unit_addr, position, prev);
+    to = put_repeat(head, to, t.count);
   } while (done < size && to < block_end);
   mark = used = int(to - buffer.get());
   return done;
@@ -1041,13 +1045,13 @@ void VQuncomp::check() const {
   if (head < tail) fail("Some input left in uncompressor", base);
 }
 
-// Gives `buffer` room for `bytes` and keeps what it holds. The guard bytes behind the room end any
-// number that damaged data lets run on.
+// Gives `buffer` room for `bytes` and keeps what it holds. The guard bytes behind `tail` end any
+// number that is cut off there.
 void VQuncomp::make_buffer(int bytes) {
   const int room = bytes + guard_bytes;
   auto made = std::make_unique<unsigned char[]>(std::size_t(room));
   std::copy_n(buffer.get(), tail, made.get());
-  std::fill_n(made.get() + bytes, guard_bytes, stop_bit);
+  std::fill_n(made.get() + tail, guard_bytes, stop_bit);
   buffer = std::move(made);
   capacity = bytes;
 }
@@ -1056,6 +1060,7 @@ void VQuncomp::make_buffer(int bytes) {
 void VQuncomp::take_input(int bytes) {
   std::copy_n(input, bytes, at(tail));
   tail += bytes;
+  std::fill_n(at(tail), guard_bytes, stop_bit);
   input += bytes;
   input_left -= bytes;
 }
@@ -1066,13 +1071,15 @@ bool VQuncomp::look_ahead() {
   if (head < startable_end()) return true;
   if (finished) fail("Input ends early", base + tail);
   if (header_left > 0 || input_left == 0) return false;
-  base += head;
-  tail -= head;
-  std::memmove(buffer.get(), at(head), std::size_t(tail));
-  head = 0;
+  if (head > 0) {
+    base += head;
+    tail -= head;
+    std::memmove(buffer.get(), at(head), std::size_t(tail));
+    head = 0;
+  }
   if (capacity <= margin) make_buffer(2 * margin);
   take_input(std::min(input_left, capacity - tail));
-  limit = tail - margin;
+  set_margin(margin);
   return head < limit;
 }
 
@@ -1081,17 +1088,18 @@ bool VQuncomp::look_ahead() {
 void VQuncomp::want_more() {
   if (finished) fail("Input ends early", base + tail);
   if (tail - head > longest_damaged_record) fail(too_long, base + head);
-  margin = 2 * (tail - head);
-  limit = head;
+  set_margin(2 * (tail - head));
+}
+
+void VQuncomp::set_margin(int bytes) {
+  margin = bytes;
+  limit = tail - margin;
 }
 
 std::size_t VQuncomp::read(VQtransaction* transactions, std::size_t size) {
   while (look_ahead()) {
     const std::size_t delivered = (this->*codec)(transactions, size);
-    if (margin != usual_margin) {
-      margin = usual_margin;
-      limit = tail - margin;
-    }
+    if (margin != usual_margin) set_margin(usual_margin);  // one record needed more
     if (delivered > 0) {
       crc->fold(transactions, delivered, wide_agents, four_field);
       record_number += static_cast<long long>(delivered);
@@ -1146,12 +1154,12 @@ void VQuncomp::check_end() {
 // An end marker, from `marker` up to `end`, which counts only when what check_end() looks at has
 // come, too.
 VQuncomp::obstacle VQuncomp::end_marker(const unsigned char* marker, const unsigned char* end) {
-  constexpr int looked_at = checksum_bytes + trailer_bytes + 1;
-  const auto bytes = end - marker;
-  if (bytes > longest_damaged_record) return obstacle::too_long;
+  constexpr int extra_byte = 1;  // whose presence is refused
+  constexpr int looked_at = checksum_bytes + trailer_bytes + extra_byte;
   const auto behind = at(tail) - end;
   if (behind < 0 || (!finished && behind < looked_at)) return obstacle::incomplete;
-  marker_bytes = int(bytes);
+  if (end - marker > longest_damaged_record) return obstacle::too_long;
+  marker_bytes = int(end - marker);
   return obstacle::end_of_records;
 }
 

@@ -426,6 +426,7 @@ class VQuncomp {
   void take_input(int bytes);
   bool look_ahead();
   void want_more();
+  void set_margin(int bytes);
   [[noreturn]] void check_end();
   [[noreturn]] void fail(const char* msg, long long byte) const;
 
@@ -440,7 +441,7 @@ class VQuncomp {
   int capacity = 0;                         // bytes of `buffer`, guard bytes not counted
   int tail = 0;                             // end of the valid bytes in `buffer`
   int head = 0;                             // next byte to decode
-  int limit = 0;                            // `tail` - `margin` at the latest refill
+  int limit = 0;                            // records start before `tail` - `margin`
   int margin;  // bytes that must lie ahead to start a record before the end
   obstacle met = obstacle::none;
   int marker_bytes = 0;                  // of the end marker that was met

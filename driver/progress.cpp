@@ -40,7 +40,10 @@ std::string formatted(const char* format, Values... values) {
 std::string amount(double n) {
   if (n < 10000) return formatted("%.0f", std::floor(n));
   const char* unit = " kMGTPE";
-  for (; n >= 999.95; n /= 1000) ++unit;
+  while (n >= 999.95) {
+    n /= 1000;
+    ++unit;
+  }
   return formatted("%.1f %c", n, *unit);
 }
 

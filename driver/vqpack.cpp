@@ -448,10 +448,10 @@ bool seek_to_preamble(FILE* out) {
   return std::fseek(out, preamble_offset, SEEK_SET) == 0;
 }
 
-// A run of consecutive transactions of the input, which are handled together.
-class selected_run {
+// Consecutive transactions of the input, which are handled together.
+class selected_batch {
  public:
-  selected_run(velk_reader& reader, unsigned long long begin, unsigned long long end)
+  selected_batch(velk_reader& reader, unsigned long long begin, unsigned long long end)
       : reader_(reader), begin_(begin), end_(end) {}
 
   // Reads on; false at the end of the input. Throws the reader's VQcomp_error with `closed` set.
@@ -467,8 +467,8 @@ class selected_run {
   }
 
   // Those whose 0-based positions in the input lie in [begin, end).
-  VQtransaction* first() { return transactions_ + from_start(begin_); }
-  VQtransaction* last() { return std::max(first(), transactions_ + from_start(end_)); }
+  VQtransaction* begin() { return transactions_ + from_start(begin_); }
+  VQtransaction* end() { return std::max(begin(), transactions_ + from_start(end_)); }
 
   // The 0-based position of one of them in the input.
   unsigned long long position(const VQtransaction* t) const {
@@ -488,8 +488,8 @@ class selected_run {
   VQtransaction transactions_[256];
 };
 
-// Hands a run of transactions to the compressor and writes the blocks that become full.
-void record_run(VQcomp& compressor, FILE* out, VQtransaction* first, const VQtransaction* last) {
+// Hands transactions to the compressor and writes the blocks that become full.
+void record_batch(VQcomp& compressor, FILE* out, VQtransaction* first, const VQtransaction* last) {
   while (first != last) {
     first += compressor.record(first, std::size_t(last - first));
     if (const int ready = compressor.ready()) {
@@ -505,18 +505,18 @@ long long record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
                           unsigned long long begin, unsigned long long end,
                           std::optional<VQcomp_error>& input_error) {
   long long recorded = 0;
-  selected_run run(reader, begin, end);
+  selected_batch batch(reader, begin, end);
   const auto next = [&] {
     try {
-      return run.next();
+      return batch.next();
     } catch (const VQcomp_error& error) {
       input_error = error;
       return false;
     }
   };
   while (next()) {
-    record_run(compressor, out, run.first(), run.last());
-    recorded += run.last() - run.first();
+    record_batch(compressor, out, batch.begin(), batch.end());
+    recorded += batch.end() - batch.begin();
   }
   return recorded;
 }
@@ -613,14 +613,14 @@ class text_output {
 void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
                        unsigned long long begin, unsigned long long end, bool with_counts) {
   text_output text(out, *header, with_counts);
-  selected_run run(*reader, begin, end);
+  selected_batch batch(*reader, begin, end);
   try {
-    while (run.next()) {
-      const VQtransaction* const last = run.last();
-      for (const VQtransaction* t = run.first(); t != last; ++t) {
-        if (t->trans >= header->trans_name_count)
-          fail_at("Transaction number out of range", static_cast<long long>(run.position(t)) + 1);
-        text.put(*t);
+    while (batch.next()) {
+      for (const VQtransaction& t : batch) {
+        if (t.trans >= header->trans_name_count)
+          fail_at("Transaction number out of range",
+                  static_cast<long long>(batch.position(&t)) + 1);
+        text.put(t);
       }
     }
   } catch (const VQcomp_error&) {

@@ -175,4 +175,14 @@ TEST(Damage, ChunksDoNotMatter) {
   }
 }
 
+// A number in pieces was taken together with what an earlier refill had left behind them.
+TEST(Damage, ChunksDoNotMatterForMillionsOfBytes) {
+  const coding c{1, true};
+  const trace transactions = small_trace(c);
+  bytes file = encode(transactions, c);
+  file.insert(file.end() - std::ptrdiff_t(end_size(c)) + 1, 9000000, 0);
+  for (const int chunk : {1024, 1025, 1 << 16})
+    EXPECT_TRUE(decode(file, [=] { return chunk; }) == (decoded{transactions, ""})) << chunk;
+}
+
 }  // namespace
