@@ -77,7 +77,6 @@ constexpr int longest_damaged_record = 1 << 24;
 
 constexpr char ends_early[] = "QUBIX file ends prematurely";
 constexpr char too_long[] = "Record too long";
-constexpr char agent_too_big[] = "Agent ID too big for this version";
 constexpr char cannot_write[] = "Can't write output";
 
 // Text input: velk(5).
@@ -687,7 +686,7 @@ const char* VQcomp::refusal(VQtransaction& t) const {
     t.addr &= 0xFF0000;
   else if (t.addr & 7)
     return "Lowest 3 bits of address not 0";
-  if (t.agent >> (wide_agents ? 16 : 8) != 0) return agent_too_big;
+  if (t.agent >> (wide_agents ? 16 : 8) != 0) return "Agent ID too big for this version";
   return nullptr;
 }
 
@@ -1112,8 +1111,6 @@ std::size_t VQuncomp::read(VQtransaction* transactions, std::size_t size) {
         fail("Transaction number out of range", base + head);
       case obstacle::bad_context:
         fail("Context number too high", base + head);
-      case obstacle::bad_agent:
-        fail(agent_too_big, base + head);
       case obstacle::too_long:
         fail(too_long, base + head);
       default:
@@ -1138,7 +1135,7 @@ void VQuncomp::check_end() {
   if (tail - head < checksum_bytes) fail(ends_early, base);
   crc->fold(at(head), checksum_bytes);
   head += checksum_bytes;
-  if (crc->value() != 0) fail("Bad checksum", base + head);
+  if (crc->value() != 0 || agent_bits > highest_agent) fail("Bad checksum", base + head);
   if (known_count == -1) {
     if (tail - head < trailer_bytes) fail(ends_early, base + head);
     known_count = static_cast<long long>(load_le<trailer_bytes>(at(head)));
@@ -1263,8 +1260,6 @@ struct VQuncomp::record_fields {
     found = obstacle::bad_context;
   else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
     found = obstacle::bad_trans;
-  else if (fields.is_new && unsigned(fields.introduced.agent) > highest_agent)
-    found = obstacle::bad_agent;
   if (found == obstacle::none)
     from = next;
   else
@@ -1274,6 +1269,7 @@ struct VQuncomp::record_fields {
 
 [[gnu::always_inline]] inline void VQuncomp::enter_context(const record_fields& fields) {
   if (fields.is_new) {
+    agent_bits |= unsigned(fields.introduced.agent);
     current = contexts->insert(fields.introduced);
     return;
   }

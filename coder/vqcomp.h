@@ -347,12 +347,12 @@ class VQuncomp {
 
   // Delivers the next transaction. Throws VQcomp_block, VQcomp_done, or VQcomp_error with the
   // 1-based number of the transaction and a byte offset. Inside a record, with its offset:
-  // "Transaction number out of range", "Context number too high", "Agent ID too big for this
-  // version" (above 65535, of which the checksum would see 16 bits) and, above 16 MiB, which only
+  // "Transaction number out of range", "Context number too high" and, above 16 MiB, which only
   // numbers with useless bytes can make, "Record too long". Behind the end marker, with the offset
-  // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum", "Bad transaction
-  // count", "Extra data follows good checksum -- file is bad?". Where the file ends without an end
-  // marker, with its size: "Input ends early".
+  // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum" (also where an agent was
+  // above 65535, as only damage can make it: the checksum covers 16 bits), "Bad transaction count",
+  // "Extra data follows good checksum -- file is bad?". Where the file ends without an end marker,
+  // with its size: "Input ends early".
   void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
 
   // Delivers up to `size` (1 or more) transactions, as many as it can without another chunk, and
@@ -389,15 +389,7 @@ class VQuncomp {
   struct record_fields;
 
   // What stands at `head` when a reader goes no further.
-  enum class obstacle {
-    none,
-    end_of_records,
-    incomplete,
-    too_long,
-    bad_trans,
-    bad_context,
-    bad_agent
-  };
+  enum class obstacle { none, end_of_records, incomplete, too_long, bad_trans, bad_context };
 
   // Readers of records: they deliver those that start before startable_end(), up to `size`, and
   // return how many. What stopped them is in `met`, and `head` is at its start.
@@ -451,6 +443,7 @@ class VQuncomp {
   bool finished = false;  // no more chunks will come
   bool wide_agents = false;
   bool agent_escape = false;
+  unsigned agent_bits = 0;  // of all agents, which have 16; the checksum covers no more
   std::unique_ptr<checksum> crc;
   std::unique_ptr<inslist<context>> contexts;
   int version = 0;
