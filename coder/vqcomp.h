@@ -349,10 +349,10 @@ class VQuncomp {
   // 1-based number of the transaction and a byte offset. Inside a record, with its offset:
   // "Transaction number out of range", "Context number too high" and, above 16 MiB, which only
   // numbers with useless bytes can make, "Record too long". Behind the end marker, with the offset
-  // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum" (also where an agent was
-  // above 65535, as only damage can make it: the checksum covers 16 bits), "Bad transaction count",
-  // "Extra data follows good checksum -- file is bad?". Where the file ends without an end marker,
-  // with its size: "Input ends early".
+  // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum" (also where an agent
+  // was above 65535, as only damage can make it: the checksum covers 16 bits), "Bad transaction
+  // count", "Extra data follows good checksum -- file is bad?". Where the file ends without an end
+  // marker, with its size: "Input ends early".
   void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
 
   // Delivers up to `size` (1 or more) transactions, as many as it can without another chunk, and

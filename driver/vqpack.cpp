@@ -690,10 +690,12 @@ int report(const VQcomp_error& error) {
   return closed_failure;
 }
 
-// Closes both; a success or a well-formed output is one only when all of it was written.
+// Closes both; a success or a well-formed output is one only when all of it was written. A closed
+// descriptor takes nothing, not even an empty output.
 int close_streams(stream& in, stream& out, int status) {
   in.reset();
-  if (xfclose(out.release()) == 0 || status == failure) return status;
+  const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
+  if ((xfclose(out.release()) == 0 && writable) || status == failure) return status;
   std::cerr << cannot_write << std::endl;
   return failure;
 }

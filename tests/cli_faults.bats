@@ -30,8 +30,10 @@ setup() {
 @test "standard output is full or closed" {
   run -255 bash -c '"$VQPACK" file >/dev/full'
   [ "$output" = "Can't write output" ]
-  run -255 bash -c '"$VQPACK" file >&-'
-  [ "$output" = "Can't write output" ]
+  for options in "" "-e 0"; do
+    run -255 bash -c '"$VQPACK" '"$options"' file >&-'
+    [ "$output" = "Can't write output" ]
+  done
 }
 
 @test "a write, a flush or a close that fails once, at any time" {
