@@ -23,7 +23,7 @@ install(FILES completions/vqpack.bash RENAME vqpack
 install(FILES completions/_vqpack DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES completions/vqpack.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
-install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md SECURITY.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES bench/comparison.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
 install(FILES examples/CMakeLists.txt examples/count.cpp examples/transpose.cpp
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

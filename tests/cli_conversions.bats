@@ -46,7 +46,7 @@ field() { report "$1" | sed -n "s/^$2: //p"; }
     cmp file again
     rm out.$suffix copy.velk.$suffix
   done
-  "$VQPACK" -q "|cat $trace" "|cat >again"
+  "$VQPACK" -q "|cat '$trace'" "|cat >again"
   "$VQPACK" "cat again|" | cmp "$trace" -
 }
 

@@ -51,7 +51,7 @@ shared() {
   "$VQPACK" -q - /dev/null </dev/null
   mkfifo pipe
   cat pipe >copy &
-  "$VQPACK" -q "|cat $trace" pipe
+  "$VQPACK" -q "|cat '$trace'" pipe
   wait
   "$VQPACK" copy | cmp "$trace" -
   # The two ends of a pipe have the same name.
@@ -127,7 +127,7 @@ file.gz full.gz
 -v 4 bad.bz2 out.gz
 -v 4 -ml 65536 file.gz out.gz
 short.gz out.gz
--v 0 "while cat $trace; do :; done|" full.gz
+-v 0 "while cat '$trace'; do :; done|" full.gz
 -s missing file.gz out.gz
 -v 2 -s /dev/zero file.gz out.gz
 END

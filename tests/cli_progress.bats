@@ -3,7 +3,8 @@ bats_require_minimum_version 1.5.0
 
 setup() {
   cd "$BATS_TEST_TMPDIR"
-  export trace=$SAMPLES/sort.velk
+  cp "$SAMPLES/sort.velk" trace.velk
+  export trace=trace.velk
   # Its first line shows when the second part comes, the next with the third.
   export slow="(cat $trace $trace; sleep 2.2; cat $trace $trace; sleep 0.4; cat $trace $trace)|"
   statistics=$'QUBIX compressor used 43 contexts with average distance 2\r\n'

@@ -51,6 +51,7 @@ share/bash-completion/completions/vqpack
 share/doc/vqpack/CHANGELOG.md
 share/doc/vqpack/LICENSE
 share/doc/vqpack/README.md
+share/doc/vqpack/SECURITY.md
 share/doc/vqpack/bench/comparison.svg
 share/doc/vqpack/examples/CMakeLists.txt
 share/doc/vqpack/examples/count.cpp
