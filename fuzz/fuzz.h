@@ -37,11 +37,6 @@ class fuzz_input {
   const std::uint8_t* end_;
 };
 
-struct file_closer {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 // A file that is read from memory, which must outlive it.
 inline file_ptr open_bytes(bytes& data) {
   return file_ptr(fmemopen(data.data(), data.size(), "r"));

@@ -6,11 +6,6 @@
 
 namespace {
 
-struct file_closer {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 // A file that can seek, at its start.
 file_ptr file_of(const std::string& text) {
   file_ptr file(std::tmpfile());

@@ -24,6 +24,11 @@ struct transaction {
 };
 using trace = std::vector<transaction>;
 
+struct file_closer {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
 // A file type and whether its records are context-coded.
 struct coding {
   int version;
