@@ -6,7 +6,17 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#include <wmmintrin.h>
+#endif
+
 #include "vqcomp.h"
+
+// The remainder of `remainder` with `bits` bits behind it.
+constexpr std::uint32_t checksum_shift(std::uint32_t remainder, int bits) {
+  for (; bits > 0; --bits) remainder = remainder << 1 ^ (remainder >> 31 ? 0x04C11DB7u : 0u);
+  return remainder;
+}
 
 // checksum_tables[k][b] is the remainder of the byte b with k bytes behind it. The step by bytes
 // needs k = 4 alone: what the byte at the top of the register leaves when the next one comes in.
@@ -17,8 +27,7 @@ inline constexpr auto checksum_tables = [] {
     std::uint32_t remainder = byte;
     for (auto& table : tables) {
       table[byte] = remainder;
-      for (int bit = 0; bit < 8; ++bit)
-        remainder = remainder << 1 ^ (remainder >> 31 ? 0x04C11DB7u : 0u);
+      remainder = checksum_shift(remainder, 8);
     }
   }
   return tables;
@@ -60,12 +69,25 @@ class checksum {
   std::uint32_t value() const { return value_; }
 
  private:
+  template <bool WideAgents, bool Counted>
+  void fold_all(const VQtransaction* transactions, std::size_t size) {
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+    if (__builtin_cpu_supports("pclmul"))
+      return fold_by_products<WideAgents, Counted>(transactions, size);
+#endif
+    fold_by_tables<WideAgents, Counted>(transactions, size);
+  }
+
+  // Bytes of a transaction.
+  template <bool WideAgents, bool Counted>
+  static constexpr int width = 1 + (WideAgents ? 2 : 1) + 8 + (Counted ? 4 : 0);
+
   // The remainder of a sum is the sum of the remainders: each byte of the register and of the
   // transaction contributes by its distance to the end alone, so that they need not wait for each
   // other. The last four bytes are their own remainder. 5 times as fast as byte after byte.
   template <bool WideAgents, bool Counted>
-  void fold_all(const VQtransaction* transactions, std::size_t size) {
-    constexpr std::size_t bytes = 1 + (WideAgents ? 2 : 1) + 8 + (Counted ? 4 : 0);
+  void fold_by_tables(const VQtransaction* transactions, std::size_t size) {
+    constexpr std::size_t last = width<WideAgents, Counted> - 1;
     const auto& tables = checksum_tables;
     std::uint32_t value = value_;
     for (std::size_t i = 0; i < size; ++i) {
@@ -74,10 +96,10 @@ class checksum {
       const auto addr = static_cast<std::uint64_t>(t.addr);
       std::uint32_t sum = reversed(Counted ? t.count : std::uint32_t(addr >> 32));
       for (std::size_t byte = 0; byte < 4; ++byte)
-        sum ^= tables[bytes + byte][value >> 8 * byte & 0xFF];
-      sum ^= tables[bytes - 1][t.trans];
-      sum ^= tables[bytes - 2][agent & 0xFF];
-      if (WideAgents) sum ^= tables[bytes - 3][agent >> 8 & 0xFF];
+        sum ^= tables[last + 1 + byte][value >> 8 * byte & 0xFF];
+      sum ^= tables[last][t.trans];
+      sum ^= tables[last - 1][agent & 0xFF];
+      if (WideAgents) sum ^= tables[last - 2][agent >> 8 & 0xFF];
       constexpr std::size_t first = Counted ? 11 : 7;  // bytes behind the first of the address
       for (std::size_t byte = 0; first - byte >= 4; ++byte)
         sum ^= tables[first - byte][addr >> 8 * byte & 0xFF];
@@ -85,6 +107,57 @@ class checksum {
     }
     value_ = value;
   }
+
+#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+
+  // Where the processor multiplies polynomials, the register may be 128 bits wide and the division
+  // wait for the end. What has been folded moves up by the bits of a transaction, or of two: its
+  // halves are multiplied by what is left of x to the power that they come to stand at. Two
+  // transactions in a turn, as each product needs the one before. 3 times as fast as by tables.
+  template <bool WideAgents, bool Counted>
+  [[gnu::target("pclmul")]] void fold_by_products(const VQtransaction* transactions,
+                                                  std::size_t size) {
+    constexpr int bits = 8 * width<WideAgents, Counted>;
+    const auto bytes_at = [transactions](std::size_t i) {
+      return bytes_of<WideAgents, Counted>(transactions[i]);
+    };
+    __m128i sum = _mm_cvtsi32_si128(int(value_));
+    std::size_t i = size % 2;
+    if (i == 1) sum = _mm_xor_si128(moved_up<bits>(sum), bytes_at(0));
+    for (; i < size; i += 2)
+      sum = _mm_xor_si128(moved_up<2 * bits>(sum),
+                          _mm_xor_si128(moved_up<bits>(bytes_at(i)), bytes_at(i + 1)));
+    const auto low = std::uint64_t(_mm_cvtsi128_si64(sum));
+    const auto high = std::uint64_t(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sum, sum)));
+    value_ = 0;
+    for (std::size_t byte = 0; byte < 8; ++byte)
+      value_ ^= checksum_tables[byte][low >> 8 * byte & 0xFF] ^
+                checksum_tables[8 + byte][high >> 8 * byte & 0xFF];
+  }
+
+  // A polynomial with the same remainder as `sum` with `Bits` bits behind it; of less than 96 bits.
+  template <int Bits>
+  [[gnu::target("pclmul")]] static __m128i moved_up(__m128i sum) {
+    constexpr std::uint32_t low = checksum_shift(1, Bits), high = checksum_shift(1, Bits + 64);
+    const __m128i powers = _mm_set_epi64x(high, low);
+    return _mm_xor_si128(_mm_clmulepi64_si128(sum, powers, 0x00),
+                         _mm_clmulepi64_si128(sum, powers, 0x11));
+  }
+
+  // The bytes of a transaction, the first one most significant.
+  template <bool WideAgents, bool Counted>
+  static __m128i bytes_of(const VQtransaction& t) {
+    const auto agent = static_cast<std::uint16_t>(t.agent);
+    const std::uint64_t addr = __builtin_bswap64(static_cast<std::uint64_t>(t.addr));
+    const std::uint64_t front = WideAgents ? std::uint64_t{t.trans} << 16 | __builtin_bswap16(agent)
+                                           : std::uint64_t{t.trans} << 8 | (agent & 0xFFu);
+    const auto word = [](std::uint64_t bits) { return static_cast<long long>(bits); };
+    return Counted ? _mm_set_epi64x(word(front << 32 | addr >> 32),
+                                    word(addr << 32 | reversed(t.count)))
+                   : _mm_set_epi64x(word(front), word(addr));
+  }
+
+#endif
 
   static std::uint32_t reversed(std::uint32_t word) {
     return word << 24 | (word & 0xFF00) << 8 | (word >> 8 & 0xFF00) | word >> 24;
