@@ -312,14 +312,22 @@ bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
 // A pipe with a name is gone when it is opened again. A command is run again.
 bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
+// Gives a stream that was just opened a buffer that makes system calls few. Standard error, which
+// an output may be, stays without one, so that messages come in turn; null stays null.
+FILE* with_large_buffer(FILE* file) {
+  constexpr std::size_t bytes = 1 << 16;
+  if (file && file != stderr) std::setvbuf(file, nullptr, _IOFBF, bytes);
+  return file;
+}
+
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
   if (run.from_stdin())
-    in.reset(stdin);
+    in.reset(with_large_buffer(stdin));
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
-    in.reset(xfopen(run.infile, "r"));
+    in.reset(with_large_buffer(xfopen(run.infile, "r")));
   if (!in) return refuse("Can't open input file");
   if (const auto status = refuse_shared_file(run)) return status;
-  out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
+  out.reset(with_large_buffer(run.outfile ? xfopen(run.outfile, "w") : stdout));
   if (!out) return refuse("Can't open output file");
   // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
   // standard output ends the program quietly.
@@ -656,7 +664,7 @@ int convert(run_settings& run, stream& in, FILE* out) {
   if (reader->needs_rewind()) {
     reader.reset();
     in.reset();
-    in.reset(xfopen(run.infile, "r"));
+    in.reset(with_large_buffer(xfopen(run.infile, "r")));
     if (!in) return refuse("Can't reopen input");
     reader = open_reader(in.get(), watched);
   }

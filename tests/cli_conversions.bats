@@ -110,6 +110,10 @@ Therefore, the output could be garbage -- USE AT YOUR OWN RISK!'
   run -1 --separate-stderr "$VQPACK" short out
   [ "$stderr" = "Input ends early, at record 2001, byte 20012"$'\n'"$notice" ]
   cmp wanted out
+  # What the output holds stands before the message when both go the same way.
+  { "$VQPACK" -q -v 0 bad stdout 2>/dev/null || true; } | cat >alone
+  { "$VQPACK" -q -v 0 bad stderr || true; } |& cat >both
+  echo "Bad input line, at record 2001"$'\n'"$notice" | cat alone - | cmp both
 }
 
 @test "an error of the output leaves it unfinished" {
