@@ -42,7 +42,7 @@ class context_list {
   // the wanted address and stores the one that it had in `prev`. Returns its 0-based position
   // before the move. When none matches, puts `wanted` at the front, drops the last context if there
   // are too many, and returns -1.
-  int touch(const VQcomp::context& wanted, long long& prev) {
+  [[gnu::always_inline]] inline int touch(const VQcomp::context& wanted, long long& prev) {
     const std::uint32_t key = key_of(wanted);
     if (matches(entries_[front_], key, wanted.addr)) {
       prev = entries_[front_].addr;
@@ -83,8 +83,7 @@ class context_list {
   static constexpr std::uint32_t none = 0;  // the entry that ends every chain
   static constexpr std::uint32_t no_key = ~0u;
   static constexpr std::uint64_t next_region = 0x9E3779B97F4A7C15;  // odd, its bits well mixed
-  static constexpr std::uint64_t key_factor = 0xD6E8FEB86659FD93;
-  static constexpr unsigned oldest = ~0u;  // the slot of that entry
+  static constexpr unsigned oldest = ~0u;                           // the slot of that entry
 
   struct entry {
     long long addr;
@@ -109,8 +108,9 @@ class context_list {
     return std::uint64_t(addr - e.addr + reach_) < match_span_ && e.key == key;
   }
 
+  // That of the next region is `next_region` more.
   static std::uint64_t hash(std::uint32_t key, long long region) {
-    return std::uint64_t(region) * next_region + key * key_factor;
+    return (std::uint64_t(region) + (std::uint64_t{key} << 40)) * next_region;
   }
   std::uint32_t chain_of(std::uint64_t hash) const { return std::uint32_t(hash >> chain_shift_); }
 

@@ -13,6 +13,7 @@
 #endif
 
 #include "bytes.h"
+#include "clones.h"
 #include "vqcomp.h"
 
 // The plain form of a line scan is sscanf with "%19s%llx%x %u%c" and the name parser. It takes
@@ -230,7 +231,7 @@ inline constexpr name_table names;
 
 // Takes the line at `line` if it is of the usual shape, and returns its length, newline included;
 // returns 0 if it is not.
-inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
+[[gnu::always_inline]] inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
   byte_marks marks = mark_32(line);
   if (marks.newlines == 0) {
     const byte_marks more = mark_32(line + 32);
@@ -270,8 +271,8 @@ inline unsigned scan_usual_line(const char* line, VQtransaction& t) {
 
 // Takes lines from `at` on, up to `size`, as long as they are of the usual shape and start before
 // `end`. Moves `at` behind them and returns how many they are.
-inline std::size_t scan_usual_lines(const char*& at, const char* end, VQtransaction* to,
-                                    std::size_t size) {
+VQPACK_CLONES inline std::size_t scan_usual_lines(const char*& at, const char* end,
+                                                  VQtransaction* to, std::size_t size) {
   const char* line = at;
   std::size_t done = 0;
   for (; done < size && line < end; ++done) {

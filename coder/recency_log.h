@@ -88,7 +88,7 @@ class recency_log {
     unsigned living = head_ + position;  // to be passed over, the free slots first
     std::size_t i = 0;
     for (std::size_t n = before_.size(); n-- > 0;) {
-      row& before = before_[n][i];
+      eight& before = before_[n][i].before;
       const unsigned place = last_up_to(before, living);
       living -= before[place];
       before -= steps[place];
@@ -109,17 +109,22 @@ class recency_log {
   static constexpr unsigned most_ids = 1 << 29;  // so that their slots can be counted
   static constexpr unsigned fewest_slots = fanout * fanout * word_slots;
 
-  // Before each of eight elements: the living slots of those that come first.
-  using row [[gnu::vector_size(fanout * sizeof(unsigned))]] = unsigned;
+  // One number for each of eight elements.
+  using eight [[gnu::vector_size(fanout * sizeof(unsigned))]] = unsigned;
+  // How many of the living slots come before each of them. A vector type by itself is aligned for
+  // its own size only where the compiler may use registers of that size.
+  struct alignas(fanout * sizeof(unsigned)) row {
+    eight before;
+  };
   using level = std::vector<row>;
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
   // steps[place][i] is 1 for the i behind `place`, else 0.
-  static constexpr row steps[fanout] = {{0, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 1, 1, 1, 1, 1, 1},
-                                        {0, 0, 0, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 1, 1, 1, 1},
-                                        {0, 0, 0, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 1, 1},
-                                        {0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0}};
+  alignas(row) static constexpr eight steps[fanout] = {
+      {0, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 1, 1, 1, 1, 1},
+      {0, 0, 0, 0, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 1, 1},
+      {0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0}};
 
   // Lets `slot` die; returns the number of living ones below it.
   unsigned kill(unsigned slot) {
@@ -129,8 +134,8 @@ class recency_log {
     for (level& before : before_) {
       const std::size_t place = i % fanout;
       i /= fanout;
-      living += before[i][place];
-      before[i] -= steps[place];
+      living += before[i].before[place];
+      before[i].before -= steps[place];
     }
     return living;
   }
@@ -143,7 +148,7 @@ class recency_log {
   }
 
   // The place of the last number in a row that is not above `limit`; the first never is.
-  static unsigned last_up_to(const row& before, unsigned limit) {
+  static unsigned last_up_to(const eight& before, unsigned limit) {
     unsigned place = 0;
     for (unsigned i = 1; i < fanout; ++i) place += before[i] <= limit;
     return place;
@@ -206,7 +211,7 @@ class recency_log {
     unsigned element = word_slots;
     do {
       rows = (rows + fanout - 1) / fanout;
-      before_.emplace_back(rows, row{0, 1, 2, 3, 4, 5, 6, 7} * element);
+      before_.emplace_back(rows, row{eight{0, 1, 2, 3, 4, 5, 6, 7} * element});
       element *= fanout;
     } while (rows > 1);
   }

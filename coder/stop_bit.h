@@ -13,24 +13,35 @@ constexpr unsigned char stop_bit = 0x80;
 // The most bytes that a number of `bits` significant bits takes.
 constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / stop_bit_group; }
 
-// The lower 14 bits of a number in two bytes or, of 7 bits, in one. Which lengths follow each other
-// is hard to foretell: so two bytes are written in any case, without a branch.
+// Numbers that two bytes hold.
+constexpr bool is_short(unsigned long long value) { return value < 1 << 2 * stop_bit_group; }
+constexpr bool is_short_signed(long long value) {
+  return is_short(static_cast<unsigned long long>(value) + (1 << (2 * stop_bit_group - 1)));
+}
+
+// Writes the lower 14 bits of a number in two bytes or, of 7 bits, in one. Which lengths follow
+// each other is hard to foretell: so two bytes are written in any case, without a branch.
 inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool two_bytes) {
-  store_le<2>(to, (value & 0x7F) | (value & 0x3F80) << 1 | unsigned(stop_bit) << 8 * two_bytes);
+  const unsigned upper_group = value & ~0x7Fu;
+  const unsigned mark = stop_bit + (0x7F80 & -unsigned(two_bytes));  // on the first or the second
+  store_le<2>(to, (value + upper_group) | mark);
   return to + 1 + two_bytes;
+}
+inline unsigned char* put_short_signed_stop_bit(unsigned char* to, long long value) {
+  return put_short_stop_bit(to, unsigned(value),
+                            static_cast<unsigned long long>(value) + 0x40 > 0x7F);
 }
 
 // Writes `value` at `to` and returns the position behind it. May write one byte more.
 inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) {
-  if (value < 1 << 2 * stop_bit_group) return put_short_stop_bit(to, unsigned(value), value > 0x7F);
+  if (is_short(value)) return put_short_stop_bit(to, unsigned(value), value > 0x7F);
   for (; value > 0x7F; value >>= stop_bit_group) *to++ = static_cast<unsigned char>(value & 0x7F);
   *to++ = static_cast<unsigned char>(value | stop_bit);
   return to;
 }
 
 inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
-  if (value >= -(1 << (2 * stop_bit_group - 1)) && value < 1 << (2 * stop_bit_group - 1))
-    return put_short_stop_bit(to, unsigned(value), value < -64 || value > 63);
+  if (is_short_signed(value)) return put_short_signed_stop_bit(to, value);
   for (; value < -64 || value > 63; value >>= stop_bit_group)
     *to++ = static_cast<unsigned char>(value & 0x7F);
   *to++ = static_cast<unsigned char>((value & 0x7F) | stop_bit);

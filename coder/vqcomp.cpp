@@ -14,6 +14,7 @@
 
 #include "bytes.h"
 #include "checksum.h"
+#include "clones.h"
 #include "context_list.h"
 #include "inslist.h"
 #include "line_scan.h"
@@ -93,12 +94,22 @@ constexpr velk_trans_class last_trans = std::size(VQcomp::FSB_transactions) - 1;
 
 bool is_deferred_reply(velk_trans_class trans) { return trans == 47 || trans == 48; }
 
+// The address, if the bit length of the largest one takes it into account, else 0.
+unsigned long long counted_addr(const VQtransaction& t) {
+  const bool counts = t.addr > 0 && !is_deferred_reply(t.trans);
+  return counts ? static_cast<unsigned long long>(t.addr) : 0;
+}
+
 // The shift from 8-byte units to the lines that transactions of a type span. Codes beyond the
 // table come from damaged files alone.
-int size_class(velk_trans_class trans) {
-  const unsigned group = trans >> 3;
-  return group < std::size(VQcomp::trans2line_size) ? VQcomp::trans2line_size[group] : 0;
-}
+constexpr auto size_classes = [] {
+  std::array<unsigned char, 256 / 8> classes{};
+  std::copy(std::begin(VQcomp::trans2line_size), std::end(VQcomp::trans2line_size),
+            classes.begin());
+  return classes;
+}();
+
+int size_class(velk_trans_class trans) { return size_classes[trans >> 3]; }
 
 // Context codecs count addresses in units of 1 << shift bytes: 8 bytes, except that the deferred
 // replies, whose address has only bits 16 to 23, take 64 KiB in the four-field codecs.
@@ -123,8 +134,6 @@ void move_lines(VQuncomp::context& context, long long lines) {
   const int shift = size_class(context.trans);
   context.addr = from_units(wrapping_sum(context.addr >> shift, lines), shift);
 }
-
-bool is_aligned(long long unit_addr, int shift) { return (unit_addr & ((1 << shift) - 1)) == 0; }
 
 }  // namespace
 
@@ -632,6 +641,7 @@ VQcomp::VQcomp(FILE* out_stream, int file_type, PRUV_header_t* header, int size,
   four_field = version == 3 || version == 5;
   compressed = version != 0;
   wide_agents = version > 3;
+  last_agent = wide_agents ? 0xFFFF : 0xFF;
   hdr_type = hdr_type_for_version[version];
   put_preamble(header);
   contexts = std::make_unique<context_list>(max_contexts, window);
@@ -686,28 +696,19 @@ const char* VQcomp::refusal(VQtransaction& t) const {
     t.addr &= 0xFF0000;
   else if (t.addr & 7)
     return "Lowest 3 bits of address not 0";
-  if (t.agent >> (wide_agents ? 16 : 8) != 0) return "Agent ID too big for this version";
+  if (unsigned(t.agent) > last_agent) return "Agent ID too big for this version";
   return nullptr;
 }
 
-// The number of transactions before the first that is refused.
-std::size_t VQcomp::accept(VQtransaction* transactions, std::size_t size) const {
-  return std::size_t(std::find_if(transactions, transactions + size,
-                                  [this](VQtransaction& t) { return refusal(t) != nullptr; }) -
-                     transactions);
-}
-
-// Takes what was coded into account.
-void VQcomp::note(const VQtransaction* transactions, std::size_t size) {
-  crc->fold(transactions, size, wide_agents, four_field);
-  record_count += static_cast<long long>(size);
-  unsigned long long seen = 0;
-  for (std::size_t i = 0; i < size; ++i) {
-    const VQtransaction& t = transactions[i];
-    const bool counts = t.addr > 0 && !is_deferred_reply(t.trans);
-    seen |= counts ? static_cast<unsigned long long>(t.addr) : 0;
-  }
-  addr_bits = std::max(addr_bits, unsigned(std::bit_width(seen)));
+// The number of transactions before the first that is refused. `addresses` receives the bits that
+// are set in any of their addresses.
+std::size_t VQcomp::accept(VQtransaction* transactions, std::size_t size,
+                           unsigned long long& addresses) const {
+  std::size_t accepted = 0;
+  addresses = 0;
+  for (; accepted < size && !refusal(transactions[accepted]); ++accepted)
+    addresses |= counted_addr(transactions[accepted]);
+  return accepted;
 }
 
 // Works in steps over a few transactions at a time: check, code, fold into the checksum. Each step
@@ -716,14 +717,19 @@ std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
   std::size_t done = 0;
   if (size == 0) return done;
   do {
-    const std::size_t accepted = accept(transactions + done, std::min(size - done, step));
+    unsigned long long addresses;
+    const std::size_t accepted =
+        accept(transactions + done, std::min(size - done, step), addresses);
     if (accepted == 0) {
       if (done > 0) break;
       ++record_count;
       refuse(refusal(transactions[0]));
     }
     const std::size_t coded = (this->*codec)(transactions + done, accepted);
-    note(transactions + done, coded);
+    crc->fold(transactions + done, coded, wide_agents, four_field);
+    if (coded < accepted) accept(transactions + done, coded, addresses);
+    addr_bits = std::max(addr_bits, unsigned(std::bit_width(addresses)));
+    record_count += static_cast<long long>(coded);
     done += coded;
     if (out && ready()) write_block();
   } while (done < size && !ready());
@@ -798,32 +804,43 @@ unsigned char* encode_agent_trans(unsigned char* to, velk_trans_class trans, int
   return put_stop_bit(to, unsigned(agent));
 }
 
-// Head byte, context number and delta of a record whose context was found at `position`, there with
-// the address `prev`.
-unsigned char* put_known_context(unsigned char* to, velk_trans_class trans, long long unit_addr,
-                                 int position, long long prev) {
-  unsigned char* const head = to++;
-  unsigned fields = unsigned(position) << position_shift;
-  if (position > last_short_position) {
-    fields = numbered_context;
-    to = put_stop_bit(to, unsigned(position - last_short_position));
+// The way from a context's latest address to the next one, in 8-byte or 64-KiB units; in lines
+// where it is a few and the next one is at the start of a line.
+struct delta {
+  delta(velk_trans_class trans, long long unit_addr, long long prev) : units(unit_addr - prev) {
+    const int shift = size_class(trans);
+    lines = (unit_addr >> shift) - (prev >> shift);
+    // A few lines are a number from 0 to 14 here; an address within a line makes it 16 or more.
+    const auto few = static_cast<unsigned long long>(lines + largest_short_delta);
+    const auto within_line = static_cast<unsigned long long>(unit_addr) & ((1u << shift) - 1);
+    is_in_lines = (few | within_line << 4) <= 2 * largest_short_delta;
   }
-  const int shift = size_class(trans);
-  const long long lines = (unit_addr >> shift) - (prev >> shift);
-  if (is_aligned(unit_addr, shift) && std::abs(lines) <= largest_short_delta) {
-    fields |= lines & 0xF;
-  } else {
-    fields |= long_delta;
-    to = put_signed_stop_bit(to, unit_addr - prev);
-  }
-  store_le<1>(head, fields);
-  return to;
+
+  long long units;
+  long long lines;
+  bool is_in_lines;
+};
+
+// `value` if it is wanted, else 0.
+std::ptrdiff_t only_if(bool wanted, std::ptrdiff_t value) {
+  return value & -std::ptrdiff_t(wanted);
 }
 
-unsigned char* put_new_context(unsigned char* to, long long unit_addr) {
-  to = store_le<1>(to, numbered_context | (unit_addr & 0xF));
-  to = store_le<1>(to, new_context);
-  return put_stop_bit(to, static_cast<unsigned long long>(unit_addr) >> 4);
+// Head byte, context number and delta of a record whose context was found at `position`. Which of
+// its parts the next record has is hard to foretell: so all are written, without a branch, and what
+// is not wanted is written over.
+[[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
+                                                               const delta& way) {
+  const int number = std::max(position - last_short_position, 0);
+  unsigned char* const number_at = to + 1;
+  unsigned char* const delta_at =
+      number_at + only_if(number > 0, put_stop_bit(number_at, unsigned(number)) - number_at);
+  unsigned char* const end =
+      delta_at + only_if(!way.is_in_lines, put_signed_stop_bit(delta_at, way.units) - delta_at);
+  const int place = std::min(position, last_short_position + 1) << position_shift;
+  const auto way_field = only_if(way.is_in_lines, (way.lines ^ long_delta) & 0xF) ^ long_delta;
+  store_le<1>(to, unsigned(place | way_field));
+  return end;
 }
 
 // Puts a repeat count into the record at `head`, whose other bytes end at `to`.
@@ -836,9 +853,7 @@ unsigned char* put_repeat(unsigned char* head, unsigned char* to, unsigned repea
 
 [[gnu::always_inline]] inline int VQcomp::cam_context(velk_trans_class trans, long long unit_addr,
                                                       int agent, long long& prev) {
-  const int position = contexts->touch({unit_addr, agent, trans}, prev);
-  distance_sum += std::max(position, 0);
-  return position;
+  return contexts->touch({unit_addr, agent, trans}, prev);
 }
 
 template <class UnitAddress>
@@ -850,24 +865,24 @@ void VQcomp::prepare_contexts(const VQtransaction* transactions, std::size_t siz
   });
 }
 
-// The record of a transaction whose context was found at `position`, or is new below 0; without
-// repeats.
-[[gnu::always_inline]] inline unsigned char* VQcomp::put_record(unsigned char* to,
-                                                                const VQtransaction& t,
-                                                                long long unit_addr, int position,
-                                                                long long prev) {
-  if (position >= 0) return put_known_context(to, t.trans, unit_addr, position, prev);
-  return encode_agent_trans(put_new_context(to, unit_addr), t.trans, t.agent, wide_agents,
-                            agent_escape);
+// The record of a transaction whose context is new; without repeats.
+unsigned char* VQcomp::put_new_context(unsigned char* to, const VQtransaction& t,
+                                       long long unit_addr) {
+  to = store_le<1>(to, numbered_context | (unit_addr & 0xF));
+  to = store_le<1>(to, new_context);
+  to = put_stop_bit(to, static_cast<unsigned long long>(unit_addr) >> 4);
+  return encode_agent_trans(to, t.trans, t.agent, wide_agents, agent_escape);
 }
 
 // A transaction that goes on where the front context's latest ended, one line further, costs
 // nothing: it is counted, and the count is put into the head byte of the record that it repeats.
-std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::size_t size) {
+VQPACK_CLONES std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions,
+                                                    std::size_t size) {
   unsigned char* const block_end = at(block_size);
   unsigned char* head = at(mark);  // of the latest record
   unsigned char* to = at(used);
   unsigned repeat = pending_repeat;
+  long long distance = 0;
   const auto unit_address = [](const VQtransaction& t) { return to_units(t.addr, usual_unit); };
   prepare_contexts(transactions, size, unit_address);
   std::size_t done = 0;
@@ -876,25 +891,29 @@ std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transactions, std::si
     const long long unit_addr = unit_address(t);
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
-    const int shift = size_class(t.trans);
-    if (position == 0 && is_aligned(unit_addr, shift) &&
-        (prev >> shift) + 1 == unit_addr >> shift && repeat < most_repeats) {
+    distance += std::max(position, 0);
+    const delta way(t.trans, unit_addr, prev);
+    if (position == 0 && way.is_in_lines && way.lines == 1 && repeat < most_repeats) {
       ++repeat;
     } else {
-      head = put_repeat(head, to, std::exchange(repeat, 0));
-      to = put_record(head, t, unit_addr, position, prev);
+      head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+      to = position < 0 ? put_new_context(head, t, unit_addr)
+                        : put_known_context(head, position, way);
     }
   } while (done < size && to < block_end);
   pending_repeat = repeat;
+  distance_sum += distance;
   mark = int(head - buffer.get());
   used = int(to - buffer.get());
   return done;
 }
 
 // With four fields the repeat count is the transaction's count.
-std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::size_t size) {
+VQPACK_CLONES std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions,
+                                                    std::size_t size) {
   unsigned char* const block_end = at(block_size);
   unsigned char* to = at(used);
+  long long distance = 0;
   const auto unit_address = [](const VQtransaction& t) {
     return to_units(t.addr, unit_with_count(t.trans));
   };
@@ -905,10 +924,13 @@ std::size_t VQcomp::codec_4_field_cmp(const VQtransaction* transactions, std::si
     const long long unit_addr = unit_address(t);
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
+    distance += std::max(position, 0);
     unsigned char* const head = to;
-    to = put_record(head, t, unit_addr, position, prev);
+    to = position < 0 ? put_new_context(head, t, unit_addr)
+                      : put_known_context(head, position, {t.trans, unit_addr, prev});
     to = put_repeat(head, to, t.count);
   } while (done < size && to < block_end);
+  distance_sum += distance;
   mark = used = int(to - buffer.get());
   return done;
 }

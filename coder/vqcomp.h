@@ -279,8 +279,8 @@ class VQcomp {
 
   void put_preamble(PRUV_header_t* header);
   const char* refusal(VQtransaction& t) const;
-  std::size_t accept(VQtransaction* transactions, std::size_t size) const;
-  void note(const VQtransaction* transactions, std::size_t size);
+  std::size_t accept(VQtransaction* transactions, std::size_t size,
+                     unsigned long long& addresses) const;
   void write_block();
   template <int AgentBytes, bool Counted>
   std::size_t put_raw(const VQtransaction* transactions, std::size_t size);
@@ -288,8 +288,7 @@ class VQcomp {
   void prepare_contexts(const VQtransaction* transactions, std::size_t size,
                         UnitAddress unit_address);
   int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
-  unsigned char* put_record(unsigned char* to, const VQtransaction& t, long long unit_addr,
-                            int position, long long prev);
+  unsigned char* put_new_context(unsigned char* to, const VQtransaction& t, long long unit_addr);
   void flushPendingRepeat();
 
   unsigned char* at(int position) const { return buffer.get() + position; }
@@ -311,6 +310,7 @@ class VQcomp {
   bool four_field;
   bool compressed;
   bool wide_agents;           // 16 bits, not 8
+  unsigned last_agent;        // that fits
   bool agent_escape = false;  // agents are stop-bit numbers from now on
   unsigned addr_bits = 4;     // bit length of the largest address so far
   codec_function codec;
