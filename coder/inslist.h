@@ -40,7 +40,7 @@ class inslist {
 
   // Moves the element at `index` to index 0. Returns where it lives until the next insertion.
   // Throws a bool, true, when the list holds no such element.
-  T* lookup(unsigned index) {
+  [[gnu::always_inline]] inline T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
     if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
     unsigned& place = last_of_front();

@@ -1235,11 +1235,14 @@ void VQuncomp::decode_agent_trans(const unsigned char*& from, velk_trans_class& 
 
 // One context-coded record as it stands in the file.
 struct VQuncomp::record_fields {
-  bool is_new;                  // introduces a context, `introduced`; else:
+  bool is_new;                  // introduces a context:
+  typeaddr addr;
+  int agent;
+  velk_trans_class trans;
+  // else:
   unsigned long long position;  // of its context
   bool in_lines;                // the delta counts lines of the context's size class
   long long delta;
-  context introduced;
   unsigned repeat;
 };
 
@@ -1263,8 +1266,8 @@ struct VQuncomp::record_fields {
     fields.position = static_cast<unsigned long long>(number) + last_short_position;
   }
   if (fields.is_new) {
-    fields.introduced.addr = typeaddr(low | get_stop_bit<unsigned long long>(next) << 4);
-    decode_agent_trans(next, fields.introduced.trans, fields.introduced.agent);
+    fields.addr = typeaddr(low | get_stop_bit<unsigned long long>(next) << 4);
+    decode_agent_trans(next, fields.trans, fields.agent);
   } else {
     fields.in_lines = low != long_delta;
     fields.delta = fields.in_lines ? (int(low) ^ 8) - 8 : get_signed_stop_bit(next);
@@ -1280,7 +1283,7 @@ struct VQuncomp::record_fields {
     found = obstacle::too_long;
   else if (!fields.is_new && fields.position > 0 && fields.position >= contexts->size())
     found = obstacle::bad_context;
-  else if ((fields.is_new ? fields.introduced : *current).trans >= name_count)
+  else if ((fields.is_new ? fields.trans : current->trans) >= name_count)
     found = obstacle::bad_trans;
   if (found == obstacle::none)
     from = next;
@@ -1291,8 +1294,8 @@ struct VQuncomp::record_fields {
 
 [[gnu::always_inline]] inline void VQuncomp::enter_context(const record_fields& fields) {
   if (fields.is_new) {
-    agent_bits |= unsigned(fields.introduced.agent);
-    current = contexts->insert(fields.introduced);
+    agent_bits |= unsigned(fields.agent);
+    current = contexts->insert({fields.addr, fields.agent, fields.trans});
     return;
   }
   if (fields.position > 0) current = contexts->lookup(unsigned(fields.position));

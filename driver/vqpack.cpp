@@ -313,21 +313,21 @@ bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
 bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
 // Gives a stream that was just opened a buffer that makes system calls few. Standard error, which
-// an output may be, stays without one, so that messages come in turn; null stays null.
-FILE* with_large_buffer(FILE* file) {
+// an output may be, stays without one, so that messages come in turn.
+void enlarge_buffer(FILE* file) {
   constexpr std::size_t bytes = 1 << 16;
-  if (file && file != stderr) std::setvbuf(file, nullptr, _IOFBF, bytes);
-  return file;
+  if (file != stderr) std::setvbuf(file, nullptr, _IOFBF, bytes);
 }
 
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
   if (run.from_stdin())
-    in.reset(with_large_buffer(stdin));
+    in.reset(stdin);
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
-    in.reset(with_large_buffer(xfopen(run.infile, "r")));
+    in.reset(xfopen(run.infile, "r"));
   if (!in) return refuse("Can't open input file");
+  enlarge_buffer(in.get());
   if (const auto status = refuse_shared_file(run)) return status;
-  out.reset(with_large_buffer(run.outfile ? xfopen(run.outfile, "w") : stdout));
+  out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
   if (!out) return refuse("Can't open output file");
   // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
   // standard output ends the program quietly.
@@ -568,6 +568,7 @@ void write_end(VQcomp& compressor, FILE* out, int size, int version) {
 void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t* header,
                      unsigned window, bool quiet, unsigned long long begin,
                      unsigned long long end) {
+  enlarge_buffer(out);
   VQcomp compressor(nullptr, version, header, block_size, window);
   std::optional<VQcomp_error> input_error;
   unsigned contexts, avg_distance, address_bits;
@@ -594,7 +595,9 @@ class text_output {
   text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
       : out_(out),
         format_(header.trans_names, header.trans_name_count, with_counts),
-        lines_(std::max(block, 2 * format_.longest_line())) {}
+        lines_(std::max(block, 2 * format_.longest_line())) {
+    std::setvbuf(out_, nullptr, _IONBF, 0);  // the lines are gathered here
+  }
 
   void put(const VQtransaction& t) {
     if (lines_.size() - used_ < format_.longest_line()) flush();
@@ -664,8 +667,9 @@ int convert(run_settings& run, stream& in, FILE* out) {
   if (reader->needs_rewind()) {
     reader.reset();
     in.reset();
-    in.reset(with_large_buffer(xfopen(run.infile, "r")));
+    in.reset(xfopen(run.infile, "r"));
     if (!in) return refuse("Can't reopen input");
+    enlarge_buffer(in.get());
     reader = open_reader(in.get(), watched);
   }
   if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
