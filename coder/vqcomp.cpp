@@ -831,10 +831,11 @@ std::ptrdiff_t only_if(bool wanted, std::ptrdiff_t value) {
 // is not wanted is written over.
 [[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
                                                                const delta& way) {
-  const int number = std::max(position - last_short_position, 0);
+  const bool is_numbered = position > last_short_position;
+  const auto number = unsigned(only_if(is_numbered, position - last_short_position));
   unsigned char* const number_at = to + 1;
   unsigned char* const delta_at =
-      number_at + only_if(number > 0, put_stop_bit(number_at, unsigned(number)) - number_at);
+      number_at + only_if(is_numbered, put_stop_bit(number_at, number) - number_at);
   unsigned char* const end =
       delta_at + only_if(!way.is_in_lines, put_signed_stop_bit(delta_at, way.units) - delta_at);
   const int place = std::min(position, last_short_position + 1) << position_shift;
