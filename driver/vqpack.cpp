@@ -71,6 +71,8 @@ const char* const long_help[] = {
     "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
     "which the partial output was properly formed and closed, but may be bad."};
 
+constexpr char unreadable_points[] = "Can't read sensitivity file (-s/S)";
+
 // Prints a refusal, or the help when there is no message; returns `status`.
 int complain(const char* msg, int status) {
   if (msg) {
@@ -217,7 +219,7 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
       [[fallthrough]];
     case 's':
       run.sensitivity.reset(std::fopen(value, "r"));
-      if (!run.sensitivity) return refuse("Can't read sensitivity file (-s/S)");
+      if (!run.sensitivity) return refuse(unreadable_points);
       break;
     case 'n':
       switch (argument[2]) {
@@ -397,6 +399,7 @@ void set_sensitivity(PRUV_header_t& header, FILE* file, bool merge) {
     if (count == most_points) fail_at("Sensitivity file max is 255 data points", line_number);
     points[unsigned(count)] = parse_point(line, line_number);
   }
+  if (std::ferror(file)) fail_at(unreadable_points, 0);  // a folder, for one
   refuse_conflicts(points.get(), count, kept);
   delete[] header.sensitivity;
   header.sensitivity = count ? points.release() : nullptr;

@@ -183,6 +183,8 @@ points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
 @test "sensitivity files that are refused" {
   points 5 >old
   "$VQPACK" -q -v 2 -s old "$trace" file
+  run -255 "$VQPACK" -v 2 -s . "$trace" out
+  [ "$output" = "Can't read sensitivity file (-s/S)" ]
   # refused MESSAGE OPTION: with the file on standard input
   refused() {
     cat >new
