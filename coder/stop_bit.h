@@ -13,7 +13,7 @@ constexpr unsigned char stop_bit = 0x80;
 // The most bytes that a number of `bits` significant bits takes.
 constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / stop_bit_group; }
 
-// Numbers that two bytes hold.
+// Whether two bytes hold a number.
 constexpr bool is_short(unsigned long long value) { return value < 1 << 2 * stop_bit_group; }
 constexpr bool is_short_signed(long long value) {
   return is_short(static_cast<unsigned long long>(value) + (1 << (2 * stop_bit_group - 1)));
@@ -27,6 +27,8 @@ inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool
   store_le<2>(to, (value + upper_group) | mark);
   return to + 1 + two_bytes;
 }
+
+// The same for a signed number.
 inline unsigned char* put_short_signed_stop_bit(unsigned char* to, long long value) {
   return put_short_stop_bit(to, unsigned(value),
                             static_cast<unsigned long long>(value) + 0x40 > 0x7F);

@@ -1236,7 +1236,7 @@ void VQuncomp::decode_agent_trans(const unsigned char*& from, velk_trans_class& 
 
 // One context-coded record as it stands in the file.
 struct VQuncomp::record_fields {
-  bool is_new;                  // introduces a context:
+  bool is_new;  // introduces a context:
   typeaddr addr;
   int agent;
   velk_trans_class trans;
