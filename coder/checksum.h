@@ -111,9 +111,9 @@ class checksum {
 #if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
 
   // Where the processor multiplies polynomials, the register may be 128 bits wide and the division
-  // wait for the end. What has been folded moves up by the bits of a transaction, or of two: its
-  // halves are multiplied by what is left of x to the power that they come to stand at. Two
-  // transactions in a turn, as each product needs the one before. 3 times as fast as by tables.
+  // wait for the end. To move what has been folded up by n bits, its lower half is multiplied by
+  // the remainder of x^n and its upper one by that of x^(n + 64). Two transactions in a turn, as
+  // each move needs the one before. 3 times as fast as by tables.
   template <bool WideAgents, bool Counted>
   [[gnu::target("pclmul")]] void fold_by_products(const VQtransaction* transactions,
                                                   std::size_t size) {

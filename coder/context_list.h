@@ -83,7 +83,8 @@ class context_list {
   static constexpr std::uint32_t none = 0;  // the entry that ends every chain
   static constexpr std::uint32_t no_key = ~0u;
   static constexpr std::uint64_t next_region = 0x9E3779B97F4A7C15;  // odd, its bits well mixed
-  static constexpr unsigned oldest = ~0u;                           // the slot of that entry
+  // The slot of that entry.
+  static constexpr unsigned oldest = ~0u;
 
   struct entry {
     long long addr;
@@ -108,7 +109,7 @@ class context_list {
     return std::uint64_t(addr - e.addr + reach_) < match_span_ && e.key == key;
   }
 
-  // That of the next region is `next_region` more.
+  // The hash for the next region is `next_region` more.
   static std::uint64_t hash(std::uint32_t key, long long region) {
     return (std::uint64_t(region) + (std::uint64_t{key} << 40)) * next_region;
   }

@@ -20,18 +20,13 @@ constexpr bool is_short_signed(long long value) {
 }
 
 // Writes the lower 14 bits of a number in two bytes or, of 7 bits, in one. Which lengths follow
-// each other is hard to foretell: so two bytes are written in any case, without a branch.
+// each other is hard to foretell: so two bytes are written in any case, without a branch, and the
+// second may have to be written over.
 inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool two_bytes) {
   const unsigned upper_group = value & ~0x7Fu;
   const unsigned mark = stop_bit + (0x7F80 & -unsigned(two_bytes));  // on the first or the second
   store_le<2>(to, (value + upper_group) | mark);
   return to + 1 + two_bytes;
-}
-
-// The same for a signed number.
-inline unsigned char* put_short_signed_stop_bit(unsigned char* to, long long value) {
-  return put_short_stop_bit(to, unsigned(value),
-                            static_cast<unsigned long long>(value) + 0x40 > 0x7F);
 }
 
 // Writes `value` at `to` and returns the position behind it. May write one byte more.
@@ -42,8 +37,10 @@ inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) 
   return to;
 }
 
+// The same for a signed number.
 inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
-  if (is_short_signed(value)) return put_short_signed_stop_bit(to, value);
+  const bool two_bytes = static_cast<unsigned long long>(value) + 0x40 > 0x7F;
+  if (is_short_signed(value)) return put_short_stop_bit(to, unsigned(value), two_bytes);
   for (; value < -64 || value > 63; value >>= stop_bit_group)
     *to++ = static_cast<unsigned char>(value & 0x7F);
   *to++ = static_cast<unsigned char>((value & 0x7F) | stop_bit);

@@ -49,7 +49,7 @@ constexpr int largest_short_delta = 7;
 constexpr unsigned char new_context = 0x80;  // context number 0
 constexpr unsigned char no_agent = 0x80;     // in the code byte: agent 0, no byte follows
 constexpr unsigned char escaped_agent = 0xFF;
-constexpr unsigned highest_agent = 0xFFFF;
+constexpr unsigned highest_wide_agent = 0xFFFF;
 
 // The longest record is a new context: head, context number, address, code, escape and agent. The
 // repeat count of the record before it may be written in the same call.
@@ -641,7 +641,7 @@ VQcomp::VQcomp(FILE* out_stream, int file_type, PRUV_header_t* header, int size,
   four_field = version == 3 || version == 5;
   compressed = version != 0;
   wide_agents = version > 3;
-  last_agent = wide_agents ? 0xFFFF : 0xFF;
+  highest_agent = wide_agents ? highest_wide_agent : 0xFF;
   hdr_type = hdr_type_for_version[version];
   put_preamble(header);
   contexts = std::make_unique<context_list>(max_contexts, window);
@@ -696,12 +696,12 @@ const char* VQcomp::refusal(VQtransaction& t) const {
     t.addr &= 0xFF0000;
   else if (t.addr & 7)
     return "Lowest 3 bits of address not 0";
-  if (unsigned(t.agent) > last_agent) return "Agent ID too big for this version";
+  if (unsigned(t.agent) > highest_agent) return "Agent ID too big for this version";
   return nullptr;
 }
 
 // The number of transactions before the first that is refused. `addresses` receives the bits that
-// are set in any of their addresses.
+// are set in any of their counted_addr().
 std::size_t VQcomp::accept(VQtransaction* transactions, std::size_t size,
                            unsigned long long& addresses) const {
   std::size_t accepted = 0;
@@ -727,7 +727,7 @@ std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
     }
     const std::size_t coded = (this->*codec)(transactions + done, accepted);
     crc->fold(transactions + done, coded, wide_agents, four_field);
-    if (coded < accepted) accept(transactions + done, coded, addresses);
+    if (coded < accepted) accept(transactions + done, coded, addresses);  // without the others'
     addr_bits = std::max(addr_bits, unsigned(std::bit_width(addresses)));
     record_count += static_cast<long long>(coded);
     done += coded;
@@ -804,8 +804,8 @@ unsigned char* encode_agent_trans(unsigned char* to, velk_trans_class trans, int
   return put_stop_bit(to, unsigned(agent));
 }
 
-// The way from a context's latest address to the next one, in 8-byte or 64-KiB units; in lines
-// where it is a few and the next one is at the start of a line.
+// From a context's latest address to the next one: in address units, and in lines where it is few
+// lines to the start of one.
 struct delta {
   delta(velk_trans_class trans, long long unit_addr, long long prev) : units(unit_addr - prev) {
     const int shift = size_class(trans);
@@ -813,7 +813,7 @@ struct delta {
     // A few lines are a number from 0 to 14 here; an address within a line makes it 16 or more.
     const auto few = static_cast<unsigned long long>(lines + largest_short_delta);
     const auto within_line = static_cast<unsigned long long>(unit_addr) & ((1u << shift) - 1);
-    is_in_lines = (few | within_line << 4) <= 2 * largest_short_delta;
+    is_in_lines = (few | within_line << 4) <= 2ull * largest_short_delta;
   }
 
   long long units;
@@ -827,20 +827,21 @@ std::ptrdiff_t only_if(bool wanted, std::ptrdiff_t value) {
 }
 
 // Head byte, context number and delta of a record whose context was found at `position`. Which of
-// its parts the next record has is hard to foretell: so all are written, without a branch, and what
-// is not wanted is written over.
+// its parts the next record has is hard to foretell: so all are written, and what is not wanted is
+// written over; where two bytes hold a number, no branch is taken. It touches 1 + 5 + 9 + 1 bytes
+// at most, no more than the longest record has.
 [[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
-                                                               const delta& way) {
+                                                               const delta& moved) {
   const bool is_numbered = position > last_short_position;
   const auto number = unsigned(only_if(is_numbered, position - last_short_position));
   unsigned char* const number_at = to + 1;
   unsigned char* const delta_at =
       number_at + only_if(is_numbered, put_stop_bit(number_at, number) - number_at);
   unsigned char* const end =
-      delta_at + only_if(!way.is_in_lines, put_signed_stop_bit(delta_at, way.units) - delta_at);
+      delta_at + only_if(!moved.is_in_lines, put_signed_stop_bit(delta_at, moved.units) - delta_at);
   const int place = std::min(position, last_short_position + 1) << position_shift;
-  const auto way_field = only_if(way.is_in_lines, (way.lines ^ long_delta) & 0xF) ^ long_delta;
-  store_le<1>(to, unsigned(place | way_field));
+  const auto low = only_if(moved.is_in_lines, (moved.lines ^ long_delta) & 0xF) ^ long_delta;
+  store_le<1>(to, unsigned(place | low));
   return end;
 }
 
@@ -893,13 +894,13 @@ VQPACK_CLONES std::size_t VQcomp::codec_3_field_cmp(const VQtransaction* transac
     long long prev = 0;
     const int position = cam_context(t.trans, unit_addr, t.agent, prev);
     distance += std::max(position, 0);
-    const delta way(t.trans, unit_addr, prev);
-    if (position == 0 && way.is_in_lines && way.lines == 1 && repeat < most_repeats) {
+    const delta moved(t.trans, unit_addr, prev);
+    if (position == 0 && moved.is_in_lines && moved.lines == 1 && repeat < most_repeats) {
       ++repeat;
     } else {
       head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
       to = position < 0 ? put_new_context(head, t, unit_addr)
-                        : put_known_context(head, position, way);
+                        : put_known_context(head, position, moved);
     }
   } while (done < size && to < block_end);
   pending_repeat = repeat;
@@ -1158,7 +1159,7 @@ void VQuncomp::check_end() {
   if (tail - head < checksum_bytes) fail(ends_early, base);
   crc->fold(at(head), checksum_bytes);
   head += checksum_bytes;
-  if (crc->value() != 0 || agent_bits > highest_agent) fail("Bad checksum", base + head);
+  if (crc->value() != 0 || agent_bits > highest_wide_agent) fail("Bad checksum", base + head);
   if (known_count == -1) {
     if (tail - head < trailer_bytes) fail(ends_early, base + head);
     known_count = static_cast<long long>(load_le<trailer_bytes>(at(head)));

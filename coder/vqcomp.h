@@ -310,7 +310,7 @@ class VQcomp {
   bool four_field;
   bool compressed;
   bool wide_agents;           // 16 bits, not 8
-  unsigned last_agent;        // that fits
+  unsigned highest_agent;     // that fits
   bool agent_escape = false;  // agents are stop-bit numbers from now on
   unsigned addr_bits = 4;     // bit length of the largest address so far
   codec_function codec;

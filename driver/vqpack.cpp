@@ -314,11 +314,16 @@ bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
 // A pipe with a name is gone when it is opened again. A command is run again.
 bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
-// Gives a stream that was just opened a buffer that makes system calls few. Standard error, which
-// an output may be, stays without one, so that messages come in turn.
-void enlarge_buffer(FILE* file) {
-  constexpr std::size_t bytes = 1 << 16;
-  if (file != stderr) std::setvbuf(file, nullptr, _IOFBF, bytes);
+// Buffers for the input and for a binary output, which make system calls few. They outlive the
+// streams.
+constexpr std::size_t stream_buffer = 1 << 16;
+char input_buffer[stream_buffer];
+char output_buffer[stream_buffer];
+
+// Gives a stream that was just opened a buffer. Standard error, which an output may be, stays
+// without one, so that messages come in turn.
+void set_buffer(FILE* file, char (&buffer)[stream_buffer]) {
+  if (file != stderr) std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
 
 std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
@@ -327,7 +332,7 @@ std::optional<int> open_streams(const run_settings& run, stream& in, stream& out
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
     in.reset(xfopen(run.infile, "r"));
   if (!in) return refuse("Can't open input file");
-  enlarge_buffer(in.get());
+  set_buffer(in.get(), input_buffer);
   if (const auto status = refuse_shared_file(run)) return status;
   out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
   if (!out) return refuse("Can't open output file");
@@ -571,7 +576,7 @@ void write_end(VQcomp& compressor, FILE* out, int size, int version) {
 void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t* header,
                      unsigned window, bool quiet, unsigned long long begin,
                      unsigned long long end) {
-  enlarge_buffer(out);
+  set_buffer(out, output_buffer);
   VQcomp compressor(nullptr, version, header, block_size, window);
   std::optional<VQcomp_error> input_error;
   unsigned contexts, avg_distance, address_bits;
@@ -603,14 +608,14 @@ class text_output {
   }
 
   void put(const VQtransaction& t) {
-    if (lines_.size() - used_ < format_.longest_line()) flush();
+    if (lines_.size() - used_ < format_.longest_line() && !flush()) fail_to_write();
     used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
   }
 
-  // What could not be written is not tried again.
-  void flush() {
+  // False when not all could be written; the rest is not tried again.
+  bool flush() {
     const std::size_t size = std::exchange(used_, 0);
-    if (std::fwrite(lines_.data(), 1, size, out_) != size) fail_to_write();
+    return std::fwrite(lines_.data(), 1, size, out_) == size;
   }
 
  private:
@@ -638,10 +643,10 @@ void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* head
       }
     }
   } catch (const VQcomp_error&) {
-    text.flush();
+    text.flush();  // a failure shows when the output is closed
     throw;
   }
-  text.flush();
+  if (!text.flush()) fail_to_write();
 }
 
 // Progress is shown on a terminal where nothing else is: not text, nor what reads a pipe or is a
@@ -672,7 +677,7 @@ int convert(run_settings& run, stream& in, FILE* out) {
     in.reset();
     in.reset(xfopen(run.infile, "r"));
     if (!in) return refuse("Can't reopen input");
-    enlarge_buffer(in.get());
+    set_buffer(in.get(), input_buffer);
     reader = open_reader(in.get(), watched);
   }
   if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
@@ -710,7 +715,8 @@ int report(const VQcomp_error& error) {
 int close_streams(stream& in, stream& out, int status) {
   in.reset();
   const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
-  if ((xfclose(out.release()) == 0 && writable) || status == failure) return status;
+  const bool written = std::ferror(out.get()) == 0;
+  if ((xfclose(out.release()) == 0 && written && writable) || status == failure) return status;
   std::cerr << cannot_write << std::endl;
   return failure;
 }

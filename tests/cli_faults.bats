@@ -16,9 +16,10 @@ setup() {
     run -255 "$VQPACK" -e $range file /dev/full
     [ "$output" = "Can't write output" ]
   done
-  # The fault of the output counts for more than that of the input.
+  # Both faults are told; that of the output counts.
   head -c 200 file >short
   run -255 "$VQPACK" short /dev/full
+  [[ "${lines[0]}" = "Input ends early, at record "* ]]
   [ "${lines[-1]}" = "Can't write output" ]
 }
 

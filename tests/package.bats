@@ -64,7 +64,7 @@ share/zsh/site-functions/_vqpack
 END
   # Nothing but the C and C++ runtime is needed to run it.
   run -0 ldd "$prefix/bin/vqpack"
-  ! grep -Ev 'linux-vdso|ld-linux|lib(c|m|stdc\+\+|gcc_s)\.so' <<<"$output"
+  run ! grep -Ev 'linux-vdso|ld-linux|lib(c|m|stdc\+\+|gcc_s)\.so' <<<"$output"
 }
 
 @test "an outside project finds the library by CMake, also where the tree was moved to" {
@@ -101,7 +101,7 @@ END
   readelf -d "$library" | grep SONAME | grep -q 'libvqcomp\.so\.0\.1\]'
   nm -DC --defined-only "$library" | cut -d' ' -f3- >exported
   grep -q '^VQcomp::record(' exported
-  ! grep -Ev '^((typeinfo|typeinfo name|vtable) for )?(VQ|velk_|PRUV_header_t)|std::' exported
+  run ! grep -Ev '^((typeinfo|typeinfo name|vtable) for )?(VQ|velk_|PRUV_header_t)|std::' exported
   outside_project built
   check_examples built
   # The program does without it.
