@@ -74,6 +74,12 @@ opened() {
   done
   [ "$(find . -type f | wc -l)" -eq 10 ] # one of them has two lines
   [ ! -e pwned ]
+  [ "$(head -c2 "a b.gz" | od -An -tx1)" = " 1f 8b" ]
+  [ "$(head -c3 "'; x.bz2")" = BZh ]
+  for name in .gz .bz2 stdin 'end|'; do # not compressed; the last two name files for output alone
+    "$VQPACK" -q "$trace" "$name"
+    [ "$(head -c2 "$name")" = QU ]
+  done
   run -255 "$VQPACK" -q "$trace" -x.gz
   [ "${lines[0]}" = "-x unknown switch" ]
 }

@@ -362,8 +362,7 @@ TEST(Coder, AStreamGetsTheBytesOfTheBlocks) {
   }
 }
 
-// The calls that take and give many transactions, in helpings of all sizes and mixed with the
-// single ones.
+// The calls that take and give many transactions, in helpings of all sizes.
 TEST(Coder, HelpingsDoNotMatter) {
   std::mt19937 random(9);
   for (const coding c : all_codings) {
@@ -389,23 +388,9 @@ TEST(Coder, HelpingsDoNotMatter) {
       take(coder.finish(contexts, distance, bits));
       ASSERT_TRUE(written == file) << c << " in helpings of " << most;
 
-      VQuncomp decoder;
-      trace read;
-      std::vector<VQtransaction> helping(most);
-      auto from = file.begin();
-      const auto read_all = [&] {
-        for (;;) {
-          const std::size_t size = decoder.read(helping.data(), 1 + random() % most);
-          for (std::size_t i = 0; i < size; ++i)
-            read.push_back({helping[i].trans, helping[i].addr, helping[i].agent, helping[i].count});
-          if (size > 0) continue;
-          const auto to = from + std::min<std::ptrdiff_t>(300, file.end() - from);
-          decoder.put(file.data() + (from - file.begin()), int(to - from));
-          from = to;
-        }
-      };
-      EXPECT_THROW(read_all(), VQcomp_done) << c;
-      EXPECT_TRUE(read == transactions) << c << " in helpings of " << most;
+      const decoded read = decode(
+          file, [] { return 300; }, transactions.size(), most);
+      EXPECT_TRUE(read == (decoded{transactions, ""})) << c << " in helpings of " << most;
     }
   }
 }

@@ -85,28 +85,23 @@ TEST(Checksum, IsThatOfTheBitwiseForm) {
 TEST(Checksum, TransactionsAreFoldedAsTheirBytes) {
   std::mt19937_64 random(2);
   for (const bool wide_agents : {false, true})
-    for (const bool counted : {false, true})
+    for (const bool counted : {false, true}) {
+      checksum crc, by_bytes;
       for (const std::size_t size : {0u, 1u, 2u, 3u, 64u}) {
-        checksum crc;
-        bytes data;
-        for (int part = 0; part < 2; ++part) {
-          std::vector<VQtransaction> transactions(size);
-          for (VQtransaction& t : transactions) {
-            t = {static_cast<long long>(random()), int(random()), unsigned(random()),
-                 velk_trans_class(random())};
-            const std::size_t at = data.size();
-            data.resize(at + 15);
-            unsigned char* to = store_le<1>(&data[at], t.trans);
-            const auto agent = unsigned(t.agent);
-            to = wide_agents ? store_le<2>(to, agent) : store_le<1>(to, agent);
-            to = store_le<8>(to, static_cast<unsigned long long>(t.addr));
-            if (counted) to = store_le<4>(to, t.count);
-            data.resize(std::size_t(to - data.data()));
-          }
-          crc.fold(transactions.data(), size, wide_agents, counted);
+        std::vector<VQtransaction> transactions(size);
+        for (VQtransaction& t : transactions) {
+          t = {static_cast<long long>(random()), int(random()), unsigned(random()),
+               velk_trans_class(random())};
+          by_bytes.fold(t.trans);
+          wide_agents ? by_bytes.fold_le<2>(unsigned(t.agent))
+                      : by_bytes.fold_le<1>(unsigned(t.agent));
+          by_bytes.fold_le<8>(static_cast<unsigned long long>(t.addr));
+          if (counted) by_bytes.fold_le<4>(t.count);
         }
-        EXPECT_EQ(crc.value(), plain_checksum(data, false)) << size << wide_agents << counted;
+        crc.fold(transactions.data(), size, wide_agents, counted);
+        EXPECT_EQ(crc.value(), by_bytes.value()) << size << wide_agents << counted;
       }
+    }
 }
 
 }  // namespace
