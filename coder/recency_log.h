@@ -11,6 +11,8 @@
 
 #include "prefetch.h"
 
+namespace vqpack::detail {
+
 // Distinct numbers ("ids") in the order of their latest use, newest first.
 //
 // The plain form is an array in that order, in which a use of the id at position k moves k others
@@ -226,3 +228,5 @@ class recency_log {
 
 inline constexpr std::array<std::array<unsigned char, 256>, 8> recency_log::bit_in_byte =
     recency_log::make_bit_in_byte();
+
+}  // namespace vqpack::detail

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string_view>
 
+namespace vqpack::detail {
+
 // The pieces are those of fgets: up to a newline, which belongs to them, or up to a longest length.
 // A failed read is the end of the text.
 class text_source {
@@ -64,3 +66,5 @@ class text_source {
   const char* end_ = at_;  // of the text in the buffer
   bool ended_ = false;
 };
+
+}  // namespace vqpack::detail

@@ -21,6 +21,8 @@
 #include "stop_bit.h"
 #include "text_source.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 // Facts of the file format that writer and reader share: qubix(5).

@@ -37,11 +37,13 @@ struct VQtransaction {
   velk_trans_class trans;
 };
 
+namespace vqpack::detail {
 class checksum;
 class context_list;
 class text_source;
 template <class T>
 class inslist;
+}  // namespace vqpack::detail
 
 #pragma GCC visibility push(default)  // of a shared library: what this header declares is its all
 
@@ -302,9 +304,9 @@ class VQcomp {
   int block_size;               // fill level at which a block is handed out
   int used;                     // bytes in `buffer`
   int mark;                     // the latest record's first byte; all before it is final
-  std::unique_ptr<context_list> contexts;
+  std::unique_ptr<vqpack::detail::context_list> contexts;
   FILE* out;
-  std::unique_ptr<checksum> crc;
+  std::unique_ptr<vqpack::detail::checksum> crc;
   int version;
   int hdr_type;
   bool four_field;
@@ -444,8 +446,8 @@ class VQuncomp {
   bool wide_agents = false;
   bool agent_escape = false;
   unsigned agent_bits = 0;  // of all agents, which have 16; the checksum covers no more
-  std::unique_ptr<checksum> crc;
-  std::unique_ptr<inslist<context>> contexts;
+  std::unique_ptr<vqpack::detail::checksum> crc;
+  std::unique_ptr<vqpack::detail::inslist<context>> contexts;
   int version = 0;
   int hdr_type = 0;
   bool four_field = false;
@@ -507,9 +509,9 @@ class velk_reader {
   unsigned long long recorded_length();
   unsigned long long trailing_length();
   std::unique_ptr<PRUV_header_t> recorded_header();
-  text_source& text_lines();
+  vqpack::detail::text_source& text_lines();
 
-  std::unique_ptr<text_source> text;
+  std::unique_ptr<vqpack::detail::text_source> text;
   std::unique_ptr<VQuncomp> uncomp;  // null for text, and behind the end of a QUBIX stream
   FILE* file;
   bool rewind_needed = false;

@@ -622,7 +622,7 @@ class text_output {
   static constexpr std::size_t block = 1 << 16;
 
   FILE* out_;
-  line_format format_;
+  vqpack::detail::line_format format_;
   std::vector<char> lines_;
   std::size_t used_ = 0;
 };

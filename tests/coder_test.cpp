@@ -5,6 +5,8 @@
 
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 bytes operator+(bytes a, const bytes& b) {

@@ -5,6 +5,8 @@
 
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 using header_ptr = std::unique_ptr<PRUV_header_t>;
