@@ -9,7 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
-#include <sstream>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -83,6 +83,7 @@ constexpr int longest_damaged_record = 1 << 24;
 
 constexpr char ends_early[] = "QUBIX file ends prematurely";
 constexpr char too_long[] = "Record too long";
+constexpr char header_required[] = "Versions 2 and higher require PRUV header";
 constexpr char cannot_read[] = "Can't read input";
 constexpr char cannot_write[] = "Can't write output";
 
@@ -150,12 +151,12 @@ void move_lines(VQuncomp::context& context, long long lines) {
 // Errors: the one line that a user sees.
 
 std::string VQcomp_error::str() const {
-  std::ostringstream text;
-  if (!msg) return text.str();
-  text << msg;
-  if (record != 0) text << ", at record " << record;
-  if (byte > 0) text << (record != 0 ? ", byte " : ", at byte ") << byte;
-  return text.str();
+  std::string text;
+  if (!msg) return text;
+  text = msg;
+  if (record != 0) text += ", at record " + std::to_string(record);
+  if (byte > 0) text += (record != 0 ? ", byte " : ", at byte ") + std::to_string(byte);
+  return text;
 }
 
 // Transaction names: the parser is written as rules, because it takes more names than the table
@@ -669,7 +670,7 @@ void VQcomp::put_preamble(PRUV_header_t* header) {
   std::unique_ptr<unsigned char[]> encoded;
   hdr_len = sizeof unknown_count;
   if (hdr_type != 0) {
-    if (!header) fail(VQfault::misuse, "Versions 2 and higher require PRUV header");
+    if (!header) fail(VQfault::misuse, header_required);
     compressed = header->compression != 0;
     header->version = version;
     header->drop_trans_names();
@@ -1020,6 +1021,7 @@ void seek_to(FILE* file, long long offset) {
 }  // namespace
 
 VQcomp_summary VQcomp::finish(FILE* file, PRUV_header_t* header) {
+  if (hdr_type != 0 && !header) fail(VQfault::misuse, header_required);
   VQcomp_summary summary{};
   const int size = finish(summary.contexts, summary.avg_distance, summary.address_length);
   summary.transactions = record_count;
@@ -1046,17 +1048,18 @@ VQtotals VQcomp::put_count(FILE* file, long long end) {
 
 VQtotals VQcomp::rewrite_header(FILE* file, long long end, PRUV_header_t& header,
                                 unsigned address_length) {
-  const bool count_differs = header.trans_count != record_count;
-  if (!count_differs && header.address_length == address_length) return VQtotals::in_place;
-  if (!seek_to_preamble(file, end))
-    return count_differs ? VQtotals::count_differs : VQtotals::address_length_differs;
+  if (!seek_to_preamble(file, end)) {
+    if (header.trans_count != record_count) return VQtotals::count_differs;
+    return header.address_length == address_length ? VQtotals::in_place
+                                                   : VQtotals::address_length_differs;
+  }
   header.trans_count = record_count;
   header.address_length = address_length;
   int size;
   const std::unique_ptr<unsigned char[]> bytes(pruv_header_struct_to_bytes(header, size));
   if (size == hdr_len) write_bytes(file, bytes.get(), size);
   seek_to(file, end);
-  return size == hdr_len ? VQtotals::in_place : VQtotals::header_grew;
+  return size == hdr_len ? VQtotals::in_place : VQtotals::header_resized;
 }
 
 // VQuncomp: the preamble, the road of the bytes from chunk to buffer, the record readers, and the

@@ -192,7 +192,8 @@ enum class VQtotals {
   count_differs,           // types 2 to 5: another count, at which readers report "Bad transaction
                            // count" after the last transaction, unless it is 0
   address_length_differs,  // types 2 to 5: another address length; no reader minds
-  header_grew              // types 2 to 5: as before; the header has changed its size since
+  header_resized           // types 2 to 5: what the constructor got, as the header has another
+                           // size now
 };
 
 // How a file came out.
@@ -285,15 +286,15 @@ class VQcomp {
   int ready() const { return used < block_size ? 0 : mark; }
 
   // Completes the file: writes what is left to `file`, which must have received all blocks so far
-  // and nothing after them, and puts the true totals at its start, where it can seek: of types 0
-  // and 1 the count; of types 2 to 5 the whole header, if its `trans_count` or `address_length` is
-  // not the true one, with both set to that in `header`, too. The stream's position is then the end
-  // of the file. A stream that cannot seek, whose position says that the file does not start at its
-  // offset 0, or whose descriptor appends, stays as it is; the summary says what its start holds.
-  // `header` is the constructor's, of types 2 to 5; for types 0 and 1 it may be null.
-  // Throws VQcomp_error, without positions: "Can't write output"; what
-  // pruv_header_struct_to_bytes() throws for the true totals; and for a call out of order as
-  // record() does. Does not flush or close `file`, which the caller still has to check.
+  // and nothing after them, and then puts the true totals at its start: in types 0 and 1 the count;
+  // in types 2 to 5 the header as it is now, with `trans_count` and `address_length` set to the
+  // true ones. The stream's position is then the end of the file. A stream that cannot seek, in
+  // which the file does not start at offset 0, or whose descriptor appends, is left as it is, and
+  // the summary says what its start holds. `header` is the constructor's for types 2 to 5, and must
+  // keep the lengths of its strings and lists; types 0 and 1 do not look at it. Throws
+  // VQcomp_error, without positions: "Can't write output", and what pruv_header_struct_to_bytes()
+  // throws; for a call out of order as record() does. Does not flush or close `file`, which the
+  // caller still has to check.
   VQcomp_summary finish(FILE* file, PRUV_header_t* header);
 
   // The same for a caller who writes the bytes: completes the file in `buffer` and returns the

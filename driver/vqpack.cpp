@@ -539,7 +539,7 @@ const char* complaint_of(VQtotals totals) {
       return "Need to change transaction count: output not seekable";
     case VQtotals::address_length_differs:
       return "Can't update address size: output not seekable";
-    case VQtotals::header_grew:
+    case VQtotals::header_resized:
       return "UNEXPECTED: PRUV header adjustment changed header size - left unchanged";
     default:
       return nullptr;
