@@ -6,11 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#include "processor.h"
+#include "vqtypes.h"
+
+#ifdef VQPACK_X86
 #include <wmmintrin.h>
 #endif
-
-#include "vqcomp.h"
 
 namespace vqpack::detail {
 
@@ -73,7 +74,7 @@ class checksum {
  private:
   template <bool WideAgents, bool Counted>
   void fold_all(const VQtransaction* transactions, std::size_t size) {
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
     if (__builtin_cpu_supports("pclmul"))
       return fold_by_products<WideAgents, Counted>(transactions, size);
 #endif
@@ -110,7 +111,7 @@ class checksum {
     value_ = value;
   }
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
 
   // Where the processor multiplies polynomials, the register may be 128 bits wide and the division
   // wait for the end. To move what has been folded up by n bits, its lower half is multiplied by

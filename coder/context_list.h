@@ -10,7 +10,7 @@
 
 #include "prefetch.h"
 #include "recency_log.h"
-#include "vqcomp.h"
+#include "vqtypes.h"
 
 namespace vqpack::detail {
 
@@ -44,7 +44,7 @@ class context_list {
   // the wanted address and stores the one that it had in `prev`. Returns its 0-based position
   // before the move. When none matches, puts `wanted` at the front, drops the last context if there
   // are too many, and returns -1.
-  [[gnu::always_inline]] inline int touch(const VQcomp::context& wanted, long long& prev) {
+  [[gnu::always_inline]] inline int touch(const VQcontext& wanted, long long& prev) {
     const std::uint32_t key = key_of(wanted);
     if (matches(entries_[front_], key, wanted.addr)) {
       prev = entries_[front_].addr;
@@ -101,7 +101,7 @@ class context_list {
     return window < 1 ? 1 : std::min(62, int(std::bit_width(std::uint64_t(window))) + 1);
   }
 
-  static std::uint32_t key_of(const VQcomp::context& context) {
+  static std::uint32_t key_of(const VQcontext& context) {
     return std::uint32_t(context.agent) << 8 | context.trans;
   }
 
@@ -126,13 +126,13 @@ class context_list {
   }
 
   // Those of the region that holds an address and of the neighbour that is nearer to it.
-  std::array<std::uint32_t, 2> chains_for(const VQcomp::context& wanted) const {
+  std::array<std::uint32_t, 2> chains_for(const VQcontext& wanted) const {
     const std::uint64_t home = hash(key_of(wanted), region_of(wanted.addr));
     const bool is_upper_half = wanted.addr >> (region_bits_ - 1) & 1;
     return {chain_of(home), chain_of(is_upper_half ? home + next_region : home - next_region)};
   }
 
-  std::uint32_t find(const VQcomp::context& wanted) const {
+  std::uint32_t find(const VQcontext& wanted) const {
     if (match_span_ == 0) return none;
     const std::uint32_t key = key_of(wanted);
     const auto [home, neighbour] = chains_for(wanted);

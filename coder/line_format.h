@@ -9,12 +9,13 @@
 #include <string>
 #include <vector>
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#include "bytes.h"
+#include "processor.h"
+#include "vqtypes.h"
+
+#ifdef VQPACK_X86
 #include <emmintrin.h>
 #endif
-
-#include "bytes.h"
-#include "vqcomp.h"
 
 namespace vqpack::detail {
 
@@ -67,7 +68,7 @@ class line_format {
     std::string whole;
   };
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
 
   // Writes the sixteen hexadecimal digits of `value`.
   static void put_digits(char* to, std::uint64_t value) {

@@ -8,13 +8,13 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#include "bytes.h"
+#include "processor.h"
+#include "vqtypes.h"
+
+#ifdef VQPACK_X86
 #include <emmintrin.h>
 #endif
-
-#include "bytes.h"
-#include "clones.h"
-#include "vqcomp.h"
 
 namespace vqpack::detail {
 
@@ -27,7 +27,7 @@ namespace vqpack::detail {
 namespace line_scan {
 
 // Bytes that must be readable from the start of a line on and before it, whatever they are.
-constexpr std::size_t readable_behind = 64;
+constexpr std::size_t readable_after = 64;
 constexpr std::size_t readable_before = 16;
 
 // Bit i tells of byte i: it is a blank, it is a newline.
@@ -36,7 +36,7 @@ struct byte_marks {
   std::uint64_t newlines;
 };
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
 
 inline byte_marks mark_16(const char* from) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
@@ -83,7 +83,7 @@ inline constexpr auto hex_values = [] {
 }();
 
 // Takes a number of 1 to 16 hexadecimal digits that ends at `end`; false if there is anything else.
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
 
 inline __m128i load_16(const void* at) { return _mm_loadu_si128(static_cast<const __m128i*>(at)); }
 
@@ -167,7 +167,7 @@ struct name_word {
   std::uint64_t low = 0, high = 0;
 };
 
-#if defined(__x86_64__) && !defined(VQPACK_PORTABLE)
+#ifdef VQPACK_X86
 
 inline name_word load_name(const char* end, unsigned length) {
   const __m128i name =
@@ -193,7 +193,7 @@ class name_table {
  public:
   constexpr name_table() {
     velk_trans_class trans = 0;
-    for (const char* const text : VQcomp::FSB_transactions) {
+    for (const char* const text : velk_trans_names) {
       int length = 0;
       while (text[length]) ++length;
       if (length > longest) throw "the blank before a name must be seen, too";

@@ -21,7 +21,8 @@
 // not failures. None of the objects may be used by two threads at once.
 #pragma once
 
-// The version of this header and of its library. A shared library takes its name from the first two.
+// The version of this header and of its library. A shared library takes its name from the first
+// two.
 #define VQCOMP_VERSION_MAJOR 0
 #define VQCOMP_VERSION_MINOR 1
 #define VQCOMP_VERSION_PATCH 0
@@ -33,72 +34,31 @@
 #include <string>
 #include <string_view>
 
-using velk_trans_class = unsigned char;
-
-// The same four values where many are handed over at once.
-struct VQtransaction {
-  long long addr;
-  int agent;
-  unsigned count;
-  velk_trans_class trans;
-};
+#include "vqtypes.h"
 
 namespace vqpack::detail {
-class checksum;
-class context_list;
-class text_source;
-template <class T>
-class inslist;
+class compressor;
+class decompressor;
+class trace_input;
 }  // namespace vqpack::detail
-
-#pragma GCC visibility push(default)  // of a shared library: what this header declares is its all
-
-// Errors and signals
-
-// The kinds of failures.
-enum class VQfault {
-  misuse,        // an argument out of range, or a call out of order
-  cannot_read,   // a read of the input stream failed
-  cannot_write,  // a write, flush or seek of the output stream failed
-  bad_input,     // the input is no trace, is damaged, or is not whole
-  refused        // the file type cannot hold a transaction or a value of the header
-};
-
-// A failure, with the place where it was noticed.
-struct VQcomp_error {
-  const char* msg;   // a string literal, never freed
-  long long record;  // 1-based number of the transaction or text line; 0: none applies
-  long long byte;    // 0-based offset in the QUBIX input; 0 or less: none applies
-  bool closed;       // whether the output has been completed all the same; false when thrown
-  VQfault fault = VQfault::bad_input;
-
-  // One line for the user, without a newline: the message, then ", at record R, byte B" with the
-  // parts that apply. Empty when `msg` is null.
-  std::string str() const;
-};
-
-// From VQcomp: the first `bytes` bytes of its buffer are final and must be written now.
-// From VQuncomp (`bytes` 0): it needs another chunk of input.
-struct VQcomp_block {
-  unsigned bytes;
-};
-
-// From VQuncomp: the stream has ended, and its checksum and count were good.
-struct VQcomp_done {};
 
 // Transaction names
 
 // The code of a name. Takes the 68 names of VQcomp::FSB_transactions and, for the codes 64 to 67,
 // also the forms with no size or another size ("VXB", "VXB16B"). Throws a bool, false, for any
 // other name.
-velk_trans_class velk_trans_str2num_type1(const char* name);
+VQCOMP_EXPORT velk_trans_class velk_trans_str2num_type1(const char* name);
 
 // The name of a code, in static storage. Throws a bool, false, for codes above 67.
-const char* velk_trans_num2str_type1(velk_trans_class trans);
+VQCOMP_EXPORT const char* velk_trans_num2str_type1(velk_trans_class trans);
 
 // The code of one of the 68 names, as a constant: `case velk_trans_code("MEMRD64B"):`. A name that
-// is not in the table does not compile. (Below, as it needs VQcomp.)
-consteval velk_trans_class velk_trans_code(std::string_view name);
+// is not in the table does not compile.
+consteval velk_trans_class velk_trans_code(std::string_view name) {
+  velk_trans_class trans = 0;
+  while (name != velk_trans_names[trans]) ++trans;
+  return trans;
+}
 
 // Which way a transaction moves data between memory or a device and the agent that issued it.
 enum class velk_access { none, read, write };
@@ -106,7 +66,13 @@ enum class velk_access { none, read, write };
 // CDRD, IORD, MEMRD and RDINV of any size read; LNWR, IOWR, MEMWR, WRINV, WBMTOE64B and WBMTOS64B
 // write. All others, and codes above 67, do neither: interrupts, replies, special cycles, reserved
 // codes, VXB64B and VXBNC64B, and IOWR_RSVD.
-constexpr velk_access velk_trans_access(velk_trans_class trans);
+constexpr velk_access velk_trans_access(velk_trans_class trans) {
+  constexpr int sized = 40;  // below it, families that read and families that write alternate
+  if (trans < sized) return trans & 1 ? velk_access::write : velk_access::read;
+  const bool writes_back =
+      trans == velk_trans_code("WBMTOE64B") || trans == velk_trans_code("WBMTOS64B");
+  return writes_back ? velk_access::write : velk_access::none;
+}
 
 // PRUV header: the metadata of a trace
 
@@ -128,7 +94,7 @@ struct sensitivity_point_t {
 //
 // The record owns its arrays and strings: all are allocated with array new and freed by the
 // destructor. It is handled through a pointer and never copied.
-struct PRUV_header_t {
+struct VQCOMP_EXPORT PRUV_header_t {
   PRUV_header_t() = default;
   ~PRUV_header_t();
   PRUV_header_t(const PRUV_header_t&) = delete;
@@ -223,33 +189,16 @@ struct VQcomp_summary {
 // types 2 to 5 the header's `trans_count` stays as the constructor got it: readers refuse a file
 // that holds another number of transactions, but take 0 for any, and cannot use -1, so give the
 // constructor the true number or 0.
-class VQcomp {
+class VQCOMP_EXPORT VQcomp {
  public:
-  // Names by code: eight types without a size, with three sizes and an unknown one; then others.
-  // clang-format off
-  static constexpr const char* FSB_transactions[68] = {
-      "CDRD", "LNWR", "IORD", "IOWR", "MEMRD", "MEMWR", "RDINV", "WRINV",
-      "CDRD16B", "LNWR16B", "IORD16B", "IOWR16B", "MEMRD16B", "MEMWR16B", "RDINV16B", "WRINV16B",
-      "CDRD32B", "LNWR32B", "IORD32B", "IOWR32B", "MEMRD32B", "MEMWR32B", "RDINV32B", "WRINV32B",
-      "CDRD64B", "LNWR64B", "IORD64B", "IOWR64B", "MEMRD64B", "MEMWR64B", "RDINV64B", "WRINV64B",
-      "CDRD?", "LNWR?", "IORD?", "IOWR?", "MEMRD?", "MEMWR?", "RDINV?", "WRINV?",
-      "INT:EOI", "INT:FIXED_LOGL", "INT:FIXED_PHYS", "INT:REDIR_LOGL", "INT:REDIR_PHYS", "INT:RSVD",
-      "INTA", "DEFR_RPLY",
-      "DEFR_REPLY", "RSVD", "BR_TRACE", "IOWR_RSVD", "(null)", "N4_RSVD", "SPL:Flush", "SPL:Halt",
-      "SPL:RSVD", "SPL:SMIAck", "SPL:ShutDwn", "SPL:StClkAk", "SPL:Sync", "SPL:XTPR", "SPL:nop",
-      "SPL",
-      "VXB64B", "VXBNC64B", "WBMTOE64B", "WBMTOS64B"};
-  // clang-format on
+  // The names by code.
+  static constexpr const char* const (&FSB_transactions)[68] = velk_trans_names;
   // By `code >> 3`: a transaction spans 8 << shift bytes.
-  static constexpr unsigned char trans2line_size[9] = {0, 1, 2, 3, 4, 0, 0, 0, 3};
+  static constexpr const unsigned char (&trans2line_size)[9] = velk_line_shifts;
   // By file type: 0 no header, else the header type.
   static constexpr int hdr_type_for_version[6] = {0, 0, 1, 1, 2, 2};
 
-  struct context {
-    long long addr;  // of the latest transaction, in the codec's address units
-    int agent;
-    velk_trans_class trans;
-  };
+  using context = VQcontext;
 
   // `out` may be null; it is not owned. `version` is the file type, 0 to 5. `header` is required
   // for types 2 to 5, which store it; its name list is dropped (files carry none) and its `version`
@@ -288,7 +237,7 @@ class VQcomp {
   std::size_t record(VQtransaction* transactions, std::size_t size);
 
   // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
-  int ready() const { return used < block_size ? 0 : mark; }
+  int ready() const;
 
   // Completes the file: writes what is left to `file`, which must have received all blocks so far
   // and nothing after them, and then puts the true totals at its start: in types 0 and 1 the count;
@@ -327,78 +276,8 @@ class VQcomp {
   bool aborted = false;  // set by a caller that gives up: the destructor then stays silent
 
  private:
-  using codec_function = std::size_t (VQcomp::*)(const VQtransaction*, std::size_t);
-
-  // Writers of records: they write one, and more as long as the block is not full, and return how
-  // many they wrote. The transactions have been checked.
-  std::size_t codec_3_field_raw(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_3_field_raw_a2(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_raw(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_raw_a2(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_3_field_cmp(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_cmp(const VQtransaction* transactions, std::size_t size);
-  codec_function choose_codec() const;
-
-  void put_preamble(PRUV_header_t* header);
-  const char* refusal(VQtransaction& t) const;
-  std::size_t accept(VQtransaction* transactions, std::size_t size,
-                     unsigned long long& addresses) const;
-  void write_block();
-  template <int AgentBytes, bool Counted>
-  std::size_t put_raw(const VQtransaction* transactions, std::size_t size);
-  template <class UnitAddress>
-  void prepare_contexts(const VQtransaction* transactions, std::size_t size,
-                        UnitAddress unit_address);
-  int cam_context(velk_trans_class trans, long long unit_addr, int agent, long long& prev);
-  unsigned char* put_new_context(unsigned char* to, const VQtransaction& t, long long unit_addr);
-  void flushPendingRepeat();
-
-  unsigned char* at(int position) const { return buffer.get() + position; }
-  void put_byte(unsigned value);
-  void require_turn() const;
-  VQtotals put_count(FILE* file, long long end);
-  VQtotals rewrite_header(FILE* file, long long end, PRUV_header_t& header,
-                          unsigned address_length);
-  [[noreturn]] void refuse(const char* msg, VQfault fault) const;
-
-  long long window;             // in 8-byte units
-  unsigned max_contexts;        // 0xFFFFFFFF: no limit
-  unsigned pending_repeat = 0;  // repeats of the latest record that are not yet written
-  long long record_count = 0;   // transactions recorded or refused so far
-  int block_size;               // fill level at which a block is handed out
-  int used;                     // bytes in `buffer`
-  int mark;                     // the latest record's first byte; all before it is final
-  std::unique_ptr<vqpack::detail::context_list> contexts;
-  FILE* out;
-  std::unique_ptr<vqpack::detail::checksum> crc;
-  int version;
-  int hdr_type;
-  bool four_field;
-  bool compressed;
-  bool wide_agents;           // 16 bits, not 8
-  unsigned highest_agent;     // that fits
-  bool agent_escape = false;  // agents are stop-bit numbers from now on
-  unsigned addr_bits = 4;     // bit length of the largest address so far
-  codec_function codec;
-  long long distance_sum = 0;  // of the positions at which contexts were found
-  long long handed_out = 0;    // bytes of the file before `buffer`
-  bool finished = false;
-  int exceptions_at_birth;  // that were on their way when this object was made
+  std::unique_ptr<vqpack::detail::compressor> coder;
 };
-
-consteval velk_trans_class velk_trans_code(std::string_view name) {
-  velk_trans_class trans = 0;
-  while (name != VQcomp::FSB_transactions[trans]) ++trans;
-  return trans;
-}
-
-constexpr velk_access velk_trans_access(velk_trans_class trans) {
-  constexpr int sized = 40;  // below it, families that read and families that write alternate
-  if (trans < sized) return trans & 1 ? velk_access::write : velk_access::read;
-  const bool writes_back =
-      trans == velk_trans_code("WBMTOE64B") || trans == velk_trans_code("WBMTOS64B");
-  return writes_back ? velk_access::write : velk_access::none;
-}
 
 // VQuncomp: a QUBIX file to transactions
 
@@ -407,15 +286,11 @@ constexpr velk_access velk_trans_access(velk_trans_class trans) {
 // a good file. After a VQcomp_error the object may only be destroyed. What it delivers does not
 // depend on how the file is cut into chunks; the byte position of "QUBIX file ends prematurely"
 // behind an end marker, which is that of the buffer's first byte, is the one thing that does.
-class VQuncomp {
+class VQCOMP_EXPORT VQuncomp {
  public:
   using typeaddr = long long;
 
-  struct context {
-    typeaddr addr = 0;  // of the latest transaction, in the codec's address units
-    int agent = 0;
-    velk_trans_class trans = 68;  // no transaction, until it is filled in
-  };
+  using context = VQcontext;
 
   VQuncomp();
   ~VQuncomp();
@@ -467,73 +342,7 @@ class VQuncomp {
   static char** unpack_strings(const unsigned char*& p, int& left, int& count);
 
  private:
-  using codec_function = std::size_t (VQuncomp::*)(VQtransaction*, std::size_t);
-  struct record_fields;
-
-  // What stands at `head` when a reader goes no further.
-  enum class obstacle { none, end_of_records, incomplete, too_long, bad_trans, bad_context };
-
-  // Readers of records: they deliver those that start before startable_end(), up to `size`, and
-  // return how many. What stopped them is in `met`, and `head` is at its start.
-  std::size_t codec_3_field_raw(VQtransaction* transactions, std::size_t size);
-  std::size_t codec_3_field_raw_a2(VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_raw(VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_raw_a2(VQtransaction* transactions, std::size_t size);
-  std::size_t codec_3_field_cmp(VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_cmp(VQtransaction* transactions, std::size_t size);
-  codec_function choose_codec() const;
-
-  template <int AgentBytes, bool Counted>
-  std::size_t get_raw(VQtransaction* transactions, std::size_t size);
-  obstacle get_record(const unsigned char*& from, record_fields& fields);
-  obstacle end_marker(const unsigned char* marker, const unsigned char* end);
-  void enter_context(const record_fields& fields);
-  std::size_t get_repeats(VQtransaction* transactions, std::size_t size);
-  void decode_agent_trans(const unsigned char*& from, velk_trans_class& trans, int& agent);
-
-  unsigned char* at(int position) const { return buffer.get() + position; }
-  int startable_end() const { return finished ? tail : limit; }
-  void start_preamble();
-  void gather_preamble();
-  void finish_preamble();
-  void make_buffer(int bytes);
-  void take_input(int bytes);
-  bool look_ahead();
-  void want_more();
-  void set_margin(int bytes);
-  [[noreturn]] void check_end();
-  [[noreturn]] void fail(const char* msg, long long byte, VQfault fault = VQfault::bad_input) const;
-
-  context* current;             // of the latest record
-  context no_context;           // what `current` is before the first record
-  unsigned pending_repeat = 0;  // repeats of the latest record that are still to be delivered
-  long long record_number = 1;  // of the next transaction, 1-based
-  long long base = 0;           // file offset of buffer[0]; earlier, file bytes taken
-  long long known_count = -1;   // -1: the count stands in the trailer
-  int name_count = 0;           // codes must be below it
-  std::unique_ptr<unsigned char[]> buffer;  // the preamble, then record bytes, then guard bytes
-  int capacity = 0;                         // bytes of `buffer`, guard bytes not counted
-  int tail = 0;                             // end of the valid bytes in `buffer`
-  int head = 0;                             // next byte to decode
-  int limit = 0;                            // records start before `tail` - `margin`
-  int margin;  // bytes that must lie ahead to start a record before the end
-  obstacle met = obstacle::none;
-  int marker_bytes = 0;                  // of the end marker that was met
-  const unsigned char* input = nullptr;  // the part of the last chunk not yet taken
-  int input_left = 0;
-  std::unique_ptr<PRUV_header_t> header;
-  bool finished = false;  // no more chunks will come
-  bool wide_agents = false;
-  bool agent_escape = false;
-  unsigned agent_bits = 0;  // of all agents, which have 16; the checksum covers no more
-  std::unique_ptr<vqpack::detail::checksum> crc;
-  std::unique_ptr<vqpack::detail::inslist<context>> contexts;
-  int version = 0;
-  int hdr_type = 0;
-  bool four_field = false;
-  bool compressed = false;
-  int header_left = 1;  // preamble bytes missing; 1 before the first chunk
-  codec_function codec = nullptr;
+  std::unique_ptr<vqpack::detail::decompressor> decoder;
 };
 
 // velk_reader: transactions from a trace of either kind
@@ -543,11 +352,11 @@ class VQuncomp {
 // stream; read() until it returns false. Only VQcomp_error and std::bad_alloc leave a reader.
 //
 // A failed read is not the end of the input: once all whole transactions before it have been
-// delivered, read() throws VQcomp_error "Can't read input" with the number of the transaction that
-// it had reached. A line that it cut off is not delivered. Signals that interrupt a read, and short
-// reads, do not matter. Whether a process that feeds the stream has ended well only its owner
-// knows, and should ask once read() has returned false.
-class velk_reader {
+// delivered, read() throws VQcomp_error "Can't read input", with the number of the transaction that
+// it had reached, if any was missing. A line that it cut off is not delivered. Signals that
+// interrupt a read, and short reads, do not matter. Whether a process that feeds the stream has
+// ended well only its owner knows, and should ask once read() has returned false.
+class VQCOMP_EXPORT velk_reader {
  public:
   using name_parser = velk_trans_class (*)(const char* name);
 
@@ -578,38 +387,15 @@ class velk_reader {
   virtual bool read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count);
   virtual bool read(velk_trans_class& trans, long long& addr, int& agent);
 
-  virtual FILE* fp() const { return file; }
+  virtual FILE* fp() const;
   // Whether the input is text. True also for a QUBIX input that has been read to its end.
-  virtual bool is_text() const { return !uncomp; }
-  virtual bool needs_rewind() const { return rewind_needed; }
+  virtual bool is_text() const;
+  virtual bool needs_rewind() const;
 
   // Delivers up to `size` (1 or more) transactions and returns how many, 0 at the end only. Throws
   // like the other read(), once all transactions before the fault have been delivered.
   virtual std::size_t read(VQtransaction* transactions, std::size_t size);
 
  private:
-  static constexpr int chunk_size = 1024;
-
-  std::size_t read_lines(VQtransaction* transactions, std::size_t size);
-  const char* read_any_line(std::string_view line, VQtransaction& t) const;
-  void feed();
-  VQcomp_error cause_of(VQcomp_error error) const;
-  [[noreturn]] void fail_at_line(const char* msg, VQfault fault) const;
-  unsigned long long count_lines();
-  unsigned long long recorded_length();
-  unsigned long long trailing_length();
-  std::unique_ptr<PRUV_header_t> recorded_header();
-  vqpack::detail::text_source& text_lines();
-
-  std::unique_ptr<vqpack::detail::text_source> text;
-  std::unique_ptr<VQuncomp> uncomp;  // null for text, and behind the end of a QUBIX stream
-  FILE* file;
-  bool rewind_needed = false;
-  unsigned char chunk[chunk_size];  // the last piece of QUBIX input; the decoder points into it
-  int chunk_len = 0;                // bytes of it that the last read filled
-  name_parser str2num;
-  bool usual_names;                // those that the fast scan of lines knows
-  unsigned long long line_no = 0;  // text lines read or counted
+  std::unique_ptr<vqpack::detail::trace_input> state;
 };
-
-#pragma GCC visibility pop

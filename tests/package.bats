@@ -43,6 +43,7 @@ END
   LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
 include/vqpack/vqcomp.h
+include/vqpack/vqtypes.h
 lib/cmake/vqpack/vqpack-config-CONFIG.cmake
 lib/cmake/vqpack/vqpack-config-version.cmake
 lib/cmake/vqpack/vqpack-config.cmake
