@@ -21,8 +21,7 @@
 // not failures. None of the objects may be used by two threads at once.
 #pragma once
 
-// The version of this header and of its library. A shared library takes its name from the first
-// two.
+// The version of the library that goes with this header.
 #define VQCOMP_VERSION_MAJOR 0
 #define VQCOMP_VERSION_MINOR 1
 #define VQCOMP_VERSION_PATCH 0

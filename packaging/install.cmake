@@ -50,7 +50,7 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 them between VELK, a text format with one transaction a line, and QUBIX, a
 compact binary format in six file types with checksums and metadata.
 
-The package also holds the static library libvqcomp, its header and two
+The package also holds the static library libvqcomp, its headers and
 example programs, to read and write such traces from C++.")
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)

@@ -17,7 +17,7 @@ outside_project() {
   cmake --build "$1" >/dev/null
 }
 
-# check_examples DIR: runs two of them.
+# check_examples DIR: runs them.
 check_examples() {
   "$1/count" "$SAMPLES/sort.velk" >counted
   diff counted - <<'END'
@@ -30,6 +30,8 @@ END
   "$1/transpose" written >/dev/null
   [ "$("$1/count" written | grep -c ' 32768$')" = 4 ]
   "$VQPACK" written | sed -n 4p | grep -qx '  MEMWR64B 20002000 1'
+  "$1/annotate" written >/dev/null
+  "$VQPACK" -p written /dev/null 2>&1 | grep -qx 'Total cycles: 1350000'
   run -1 "$1/transpose" /dev/full
   [[ $output = "Can't write output"* ]]
   run -1 "$1/count" - <<<"MEMRD 8"
@@ -62,6 +64,9 @@ share/man/man5/qubix.5
 share/man/man5/velk.5
 share/zsh/site-functions/_vqpack
 END
+  # It opens files of any size, also where offsets have 32 bits unless asked for.
+  nm -D "$prefix/bin/vqpack" >needed
+  run -1 grep -E ' (fopen|fseeko|ftello|stat)@' needed
   # Nothing but the C and C++ runtime is needed to run it.
   run -0 ldd "$prefix/bin/vqpack"
   run ! grep -Ev 'linux-vdso|ld-linux|lib(c|m|stdc\+\+|gcc_s)\.so' <<<"$output"
@@ -108,7 +113,7 @@ elseif(WAY STREQUAL FetchContent)
 else()
   return()
 endif()
-foreach(example count transpose)
+foreach(example annotate count transpose)
   add_executable(${example} ${SOURCE}/examples/${example}.cpp)
   target_link_libraries(${example} PRIVATE vqpack::vqcomp)
 endforeach()
@@ -163,7 +168,7 @@ void recency_log::revive(unsigned) { std::abort(); }
 END
   mkdir built
   $CXX $flags -c classes.cpp -I "$prefix/include"
-  for example in count transpose; do
+  for example in annotate count transpose; do
     $CXX $flags -include names.h "$SOURCE/examples/$example.cpp" classes.o -I "$prefix/include" \
       "$library" -o built/$example
   done
