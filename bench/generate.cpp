@@ -13,6 +13,8 @@
 #include "coder/line_format.h"
 #include "coder/vqcomp.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 constexpr velk_trans_class instruction_read = 24, write_back = 25, memory_read = 28;

@@ -15,6 +15,8 @@
 #include "coder/line_scan.h"
 #include "coder/vqcomp.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 constexpr std::size_t block = 4096;  // transactions in a run, few enough for the cache

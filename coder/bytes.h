@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+namespace vqpack::detail {
+
 // Reads `Bytes` bytes (1 to 8) at `from`, least significant first. Compilers do not make one load
 // of the loop.
 template <int Bytes>
@@ -26,3 +28,5 @@ inline unsigned char* store_le(unsigned char* to, unsigned long long value) {
     for (int i = 0; i < Bytes; ++i) to[i] = static_cast<unsigned char>(value >> (8 * i));
   return to + Bytes;
 }
+
+}  // namespace vqpack::detail

@@ -12,6 +12,8 @@
 
 #include "vqcomp.h"
 
+namespace vqpack::detail {
+
 // The remainder of `remainder` with `bits` bits behind it.
 constexpr std::uint32_t checksum_shift(std::uint32_t remainder, int bits) {
   for (; bits > 0; --bits) remainder = remainder << 1 ^ (remainder >> 31 ? 0x04C11DB7u : 0u);
@@ -165,3 +167,5 @@ class checksum {
 
   std::uint32_t value_ = 0;
 };
+
+}  // namespace vqpack::detail

@@ -12,6 +12,8 @@
 #include "recency_log.h"
 #include "vqcomp.h"
 
+namespace vqpack::detail {
+
 // Keeps at most `max_contexts` contexts. One matches a transaction of the same type and agent whose
 // address lies less than `window` away; addresses and window are in the codec's address units, from
 // 0 to 2^61. Agents have at most 16 bits.
@@ -204,3 +206,5 @@ class context_list {
   std::vector<entry> entries_;         // by id
   std::vector<std::uint32_t> chains_;  // ids of the newest in each
 };
+
+}  // namespace vqpack::detail

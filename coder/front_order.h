@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace vqpack::detail {
+
 // A permutation of the numbers of the things, 0 to 15, in four bits each, position 0 lowest: what
 // moves a thing to the front is a few shifts of one word.
 class front_order {
@@ -34,3 +36,5 @@ class front_order {
   std::uint64_t order_ = 0;
   unsigned size_ = 0;
 };
+
+}  // namespace vqpack::detail

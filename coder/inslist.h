@@ -7,6 +7,8 @@
 #include "front_order.h"
 #include "recency_log.h"
 
+namespace vqpack::detail {
+
 // A list of T, index 0 in front, in blocks of 64: whenever its size reaches `max_blocks` of them,
 // the next insertion drops the last 64 elements. The list owns its elements, which never move. The
 // first sixteen, which most look-ups want, are ordered by a front_order, the others by a
@@ -66,3 +68,5 @@ class inslist {
   std::vector<T> elements_;     // by id
   std::vector<unsigned> free_;  // ids
 };
+
+}  // namespace vqpack::detail

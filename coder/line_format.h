@@ -16,6 +16,8 @@
 #include "bytes.h"
 #include "vqcomp.h"
 
+namespace vqpack::detail {
+
 // The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline where counts
 // are told. Here the names are laid out once, and the digits of an address are made side by side.
 class line_format {
@@ -119,3 +121,5 @@ class line_format {
   bool with_counts_;
   std::size_t longest_name_ = name_copy;
 };
+
+}  // namespace vqpack::detail

@@ -16,6 +16,8 @@
 #include "clones.h"
 #include "vqcomp.h"
 
+namespace vqpack::detail {
+
 // The plain form of a line scan is sscanf with "%19s%llx%x %u%c" and the name parser. It takes
 // hundreds of nanoseconds a line, and all of its corners (signs, prefixes, tabs, numbers that run
 // over, fields that run into each other) are legal. Here a line is taken only if it ends within 64
@@ -285,3 +287,5 @@ VQPACK_CLONES inline std::size_t scan_usual_lines(const char*& at, const char* e
 }
 
 }  // namespace line_scan
+
+}  // namespace vqpack::detail

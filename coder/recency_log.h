@@ -6,10 +6,12 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
+#include <new>
 #include <vector>
 
 #include "prefetch.h"
+
+namespace vqpack::detail {
 
 // Distinct numbers ("ids") in the order of their latest use, newest first.
 //
@@ -24,7 +26,7 @@
 // When the log is full, the living slots are moved together at its upper end.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
-// slots, is called with each id and its slot then. Throws std::length_error above 2^29 ids.
+// slots, is called with each id and its slot then. Throws std::bad_alloc above 2^29 ids.
 class recency_log {
  public:
   unsigned size() const { return size_; }
@@ -189,7 +191,7 @@ class recency_log {
   // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
   void make_room(Moved moved) {
-    if (size_ >= most_ids) throw std::length_error("recency_log");
+    if (size_ >= most_ids) throw std::bad_alloc();
     const unsigned slots =
         std::max({fewest_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
     id_at_.resize(slots);
@@ -226,3 +228,5 @@ class recency_log {
 
 inline constexpr std::array<std::array<unsigned char, 256>, 8> recency_log::bit_in_byte =
     recency_log::make_bit_in_byte();
+
+}  // namespace vqpack::detail

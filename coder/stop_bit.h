@@ -7,6 +7,8 @@
 
 #include "bytes.h"
 
+namespace vqpack::detail {
+
 constexpr int stop_bit_group = 7;
 constexpr unsigned char stop_bit = 0x80;
 
@@ -86,3 +88,5 @@ inline long long get_signed_stop_bit(const unsigned char*& from) {
   const int unused = 64 - std::min(bits, 64);
   return static_cast<long long>(value << unused) >> unused;
 }
+
+}  // namespace vqpack::detail

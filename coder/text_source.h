@@ -8,8 +8,12 @@
 #include <memory>
 #include <string_view>
 
+#include "read_bytes.h"
+
+namespace vqpack::detail {
+
 // The pieces are those of fgets: up to a newline, which belongs to them, or up to a longest length.
-// A failed read is the end of the text.
+// A failed read ends the text, too; failed() then holds.
 class text_source {
  public:
   explicit text_source(FILE* file) : file_(file) {}
@@ -20,13 +24,15 @@ class text_source {
   static constexpr std::size_t readable_before = 16;
 
   const char* at() const { return at_; }
+  // Whether a read has failed; the last piece is cut off then, unless it ends with a newline.
+  bool failed() const { return ended_ && std::ferror(file_) != 0; }
   // A line that starts before this is there as a whole, if it has no more than `readable` bytes.
   const char* whole_before() const { return ended_ ? end_ : end_ - readable + 1; }
   void skip_to(const char* to) { at_ = to; }
   void skip(std::size_t bytes) { at_ += bytes; }
 
-  // Sees to it that `readable` bytes of text are ahead, or all that are left. Returns false when
-  // there is none.
+  // Ensures that `readable` bytes of text are ahead, or all that are left. Returns false when there
+  // is none.
   bool look_ahead() {
     if (ahead() < readable && !ended_) refill();
     return ahead() > 0;
@@ -50,7 +56,7 @@ class text_source {
     const std::size_t kept = ahead();
     char* const start = buffer_.get() + readable_before;
     std::memmove(start, at_, kept);
-    const std::size_t got = std::fread(start + kept, 1, block, file_);
+    const std::size_t got = read_bytes(file_, start + kept, block);
     ended_ = got < block;
     at_ = start;
     end_ = start + kept + got;
@@ -64,3 +70,5 @@ class text_source {
   const char* end_ = at_;  // of the text in the buffer
   bool ended_ = false;
 };
+
+}  // namespace vqpack::detail

@@ -1,5 +1,7 @@
 #include "vqcomp.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <bit>
 #include <climits>
@@ -7,7 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
-#include <sstream>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -18,8 +20,11 @@
 #include "context_list.h"
 #include "inslist.h"
 #include "line_scan.h"
+#include "read_bytes.h"
 #include "stop_bit.h"
 #include "text_source.h"
+
+using namespace vqpack::detail;
 
 namespace {
 
@@ -78,6 +83,8 @@ constexpr int longest_damaged_record = 1 << 24;
 
 constexpr char ends_early[] = "QUBIX file ends prematurely";
 constexpr char too_long[] = "Record too long";
+constexpr char header_required[] = "Versions 2 and higher require PRUV header";
+constexpr char cannot_read[] = "Can't read input";
 constexpr char cannot_write[] = "Can't write output";
 
 // Text input: velk(5).
@@ -88,8 +95,12 @@ static_assert(text_source::readable >= line_scan::readable_behind &&
 
 constexpr velk_trans_class last_trans = std::size(VQcomp::FSB_transactions) - 1;
 
+[[noreturn]] void fail(VQfault fault, const char* msg) {
+  throw VQcomp_error{msg, 0, 0, false, fault};
+}
+
 [[noreturn]] void fail_outside_records(const char* msg, long long byte = 0) {
-  throw VQcomp_error{msg, 0, byte, false};
+  throw VQcomp_error{msg, 0, byte, false, VQfault::bad_input};
 }
 
 bool is_deferred_reply(velk_trans_class trans) { return trans == 47 || trans == 48; }
@@ -100,8 +111,8 @@ unsigned long long counted_addr(const VQtransaction& t) {
   return counts ? static_cast<unsigned long long>(t.addr) : 0;
 }
 
-// The shift from 8-byte units to the lines that transactions of a type span. Codes beyond the
-// table come from damaged files alone.
+// The shift from 8-byte units to the lines that transactions of a type span. A header with more
+// names than the table makes the codes beyond it legal; they span 8 bytes.
 constexpr auto size_classes = [] {
   std::array<unsigned char, 256 / 8> classes{};
   std::copy(std::begin(VQcomp::trans2line_size), std::end(VQcomp::trans2line_size),
@@ -140,12 +151,12 @@ void move_lines(VQuncomp::context& context, long long lines) {
 // Errors: the one line that a user sees.
 
 std::string VQcomp_error::str() const {
-  std::ostringstream text;
-  if (!msg) return text.str();
-  text << msg;
-  if (record != 0) text << ", at record " << record;
-  if (byte > 0) text << (record != 0 ? ", byte " : ", at byte ") << byte;
-  return text.str();
+  std::string text;
+  if (!msg) return text;
+  text = msg;
+  if (record != 0) text += ", at record " + std::to_string(record);
+  if (byte > 0) text += (record != 0 ? ", byte " : ", at byte ") + std::to_string(byte);
+  return text;
 }
 
 // Transaction names: the parser is written as rules, because it takes more names than the table
@@ -306,14 +317,21 @@ std::size_t encoded_size(const PRUV_header_t& h, bool type_2) {
 
 // Values that this system defines but cannot encode.
 void refuse_unsupported(const PRUV_header_t& h, bool type_2) {
-  if (h.trans_set) fail_outside_records("Non-zero transaction set number unsupported now");
+  if (h.trans_set) fail(VQfault::refused, "Non-zero transaction set number unsupported now");
   if (h.capture_point || h.gen_method || h.address_properties)
-    fail_outside_records(
-        "Non-zero trace characteristics (capture point, gen. method, address properties "
-        "unsupported now");
+    fail(VQfault::refused,
+         "Non-zero trace characteristics (capture point, gen. method, address properties "
+         "unsupported now");
   // One negative total makes the whole sum of bits negative and passes.
   if (!type_2 && (h.trans_count | h.inst_count | h.cycle_count) > 0xFFFFFFFFll)
-    fail_outside_records("Given trans/inst/cycle count too large for this header type");
+    fail(VQfault::refused, "Given trans/inst/cycle count too large for this header type");
+}
+
+// A list shorter than nothing would be written all over.
+void refuse_negative(const PRUV_header_t& h) {
+  for (const int length : {h.extra_shorts_1_count, h.trans_name_count, h.extra_string_count,
+                           h.extra_shorts_2_count, h.sensitivity_count})
+    if (length < 0) fail(VQfault::misuse, "PRUV header: negative length of a list");
 }
 
 // Values wider than their field would be stored cut off, under a CRC of the whole value.
@@ -336,12 +354,12 @@ void refuse_wide(const PRUV_header_t& h, std::size_t size) {
       {size > longest_header, "PRUV header: comment and lists above 65535 bytes"},
   };
   for (const auto& check : checks)
-    if (check.wide) fail_outside_records(check.msg);
+    if (check.wide) fail(VQfault::refused, check.msg);
   for (int i = 0; i < h.sensitivity_count; ++i) {
     if (h.sensitivity[i].config_type > 0xFF)
-      fail_outside_records("PRUV header: sensitivity configuration type above 255");
+      fail(VQfault::refused, "PRUV header: sensitivity configuration type above 255");
     if (h.sensitivity[i].mlc_size > 0xFFFF)
-      fail_outside_records("PRUV header: sensitivity MLC size above 65535");
+      fail(VQfault::refused, "PRUV header: sensitivity MLC size above 65535");
   }
 }
 
@@ -428,7 +446,8 @@ unsigned VQcomp::pruv_header_size_and_crc(const PRUV_header_t& header, int& size
   const int type = header.version >= 0 && header.version <= last_version
                        ? hdr_type_for_version[header.version]
                        : 0;
-  if (type != 1 && type != 2) fail_outside_records("Internal error: header type corrupted");
+  if (type != 1 && type != 2) fail(VQfault::misuse, "Internal error: header type corrupted");
+  refuse_negative(header);
   size = int(std::min<std::size_t>(encoded_size(header, type == 2), INT_MAX));
   return image_crc(header, type == 2);
 }
@@ -444,7 +463,7 @@ unsigned char* VQcomp::pruv_header_struct_to_bytes(PRUV_header_t& header, int& s
   auto bytes = std::make_unique<unsigned char[]>(std::size_t(size));
   const unsigned char* const end = put_header(bytes.get(), header, type_2, counted, crc);
   if (end != bytes.get() + size)
-    fail_outside_records("Internal error: PRUV header size miscounted");
+    fail(VQfault::misuse, "Internal error: PRUV header size miscounted");
   return bytes.release();
 }
 
@@ -596,10 +615,9 @@ short* VQuncomp::unpack_shorts(const unsigned char*& p, int& left, int& count) {
   if (left < 2 * listed + 1) fail_outside_records(ends_early);
   ++p;
   left -= 2 * listed + 1;
-  count = listed;
-  if (listed == 0) return nullptr;
-  short* const values = make_owned<short>(listed);
+  short* const values = listed ? make_owned<short>(listed) : nullptr;
   for (int i = 0; i < listed; ++i, p += 2) values[i] = short(load_le<2>(p));
+  count = listed;
   return values;
 }
 
@@ -615,11 +633,11 @@ char** VQuncomp::unpack_strings(const unsigned char*& p, int& left, int& count) 
     p += bytes;
     left -= bytes;
   }
-  count = int(strings.size());
-  if (count == 0) return nullptr;
-  char** const owned = make_owned<char*>(count);
+  const int listed = int(strings.size());
+  char** const owned = listed ? make_owned<char*>(listed) : nullptr;
   std::transform(strings.begin(), strings.end(), owned,
                  [](auto& string) { return string.release(); });
+  count = listed;  // only now: the owner of the list frees as many
   return owned;
 }
 
@@ -635,9 +653,9 @@ VQcomp::VQcomp(FILE* out_stream, int file_type, PRUV_header_t* header, int size,
       crc(std::make_unique<checksum>()),
       version(file_type),
       exceptions_at_birth(std::uncaught_exceptions()) {
-  if (size < 84 || size > 65536) fail_outside_records("Size too large or too small");
+  if (size < 84 || size > 65536) fail(VQfault::misuse, "Size too large or too small");
   if (version < 0 || version > last_version)
-    fail_outside_records("Illegal version number (must be 0-5)");
+    fail(VQfault::misuse, "Illegal version number (must be 0-5)");
   four_field = version == 3 || version == 5;
   compressed = version != 0;
   wide_agents = version > 3;
@@ -652,7 +670,7 @@ void VQcomp::put_preamble(PRUV_header_t* header) {
   std::unique_ptr<unsigned char[]> encoded;
   hdr_len = sizeof unknown_count;
   if (hdr_type != 0) {
-    if (!header) fail_outside_records("Versions 2 and higher require PRUV header");
+    if (!header) fail(VQfault::misuse, header_required);
     compressed = header->compression != 0;
     header->version = version;
     header->drop_trans_names();
@@ -681,13 +699,22 @@ VQcomp::~VQcomp() noexcept(false) {
   flushPendingRepeat();
   if (used > 0 && out) {
     const bool written = std::fwrite(buffer.get(), 1, std::size_t(used), out) == std::size_t(used);
-    if ((!written || std::fflush(out) != 0) && !silent) refuse(cannot_write);
+    if ((!written || std::fflush(out) != 0) && !silent) refuse(cannot_write, VQfault::cannot_write);
     used = 0;
   }
-  if (used > 0 && !silent) refuse("Compressor killed with output remaining");
+  if (used > 0 && !silent) refuse("Compressor killed with output remaining", VQfault::misuse);
 }
 
-void VQcomp::refuse(const char* msg) const { throw VQcomp_error{msg, record_count, 0, false}; }
+void VQcomp::refuse(const char* msg, VQfault fault) const {
+  throw VQcomp_error{msg, record_count, 0, false, fault};
+}
+
+// Refuses calls that would overflow the buffer. A preamble may fill a block by itself, for which
+// and one record there is room.
+void VQcomp::require_turn() const {
+  if (finished) refuse("Output has already been finished", VQfault::misuse);
+  if (ready() && record_count > 0) refuse("Previous block hasn't been written", VQfault::misuse);
+}
 
 // Cuts the address as the file does, and returns the message of a refusal, or null.
 const char* VQcomp::refusal(VQtransaction& t) const {
@@ -714,6 +741,7 @@ std::size_t VQcomp::accept(VQtransaction* transactions, std::size_t size,
 // Works in steps over a few transactions at a time: check, code, fold into the checksum. Each step
 // is a short loop, and what is checked in vain when a block becomes full does not matter.
 std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
+  require_turn();
   std::size_t done = 0;
   if (size == 0) return done;
   do {
@@ -723,7 +751,7 @@ std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
     if (accepted == 0) {
       if (done > 0) break;
       ++record_count;
-      refuse(refusal(transactions[0]));
+      refuse(refusal(transactions[0]), VQfault::refused);
     }
     const std::size_t coded = (this->*codec)(transactions + done, accepted);
     crc->fold(transactions + done, coded, wide_agents, four_field);
@@ -744,12 +772,13 @@ void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned 
 
 void VQcomp::write_block() {
   if (std::fwrite(buffer.get(), 1, std::size_t(mark), out) != std::size_t(mark))
-    refuse(cannot_write);
+    refuse(cannot_write, VQfault::cannot_write);
   reset_buffer();
 }
 
 void VQcomp::reset_buffer() {
   std::memmove(buffer.get(), at(mark), std::size_t(used - mark));
+  handed_out += mark;
   used -= mark;
   mark = 0;
 }
@@ -946,6 +975,8 @@ void VQcomp::flushPendingRepeat() {
 void VQcomp::put_byte(unsigned value) { *at(used++) = static_cast<unsigned char>(value); }
 
 int VQcomp::finish(unsigned& contexts_used, unsigned& avg_distance, unsigned& address_bits) {
+  require_turn();
+  finished = true;
   flushPendingRepeat();
   crc->close();
   if (compressed)
@@ -964,6 +995,73 @@ int VQcomp::finish(unsigned& contexts_used, unsigned& avg_distance, unsigned& ad
   return used;
 }
 
+namespace {
+
+void write_bytes(FILE* file, const unsigned char* bytes, int size) {
+  if (std::fwrite(bytes, 1, std::size_t(size), file) != std::size_t(size))
+    fail(VQfault::cannot_write, cannot_write);
+}
+
+bool appends(FILE* file) {
+  const int descriptor = fileno(file);  // none for a stream over memory
+  return descriptor >= 0 && (fcntl(descriptor, F_GETFL) & O_APPEND);
+}
+
+// Goes back to the preamble of a file whose `written` bytes have gone to the stream; false where it
+// cannot, or where the file does not start with the stream. Devices may stay at offset 0.
+bool seek_to_preamble(FILE* file, long long written) {
+  if (std::fflush(file) != 0) fail(VQfault::cannot_write, cannot_write);
+  return !appends(file) && ftello(file) <= written && fseeko(file, preamble_offset, SEEK_SET) == 0;
+}
+
+void seek_to(FILE* file, long long offset) {
+  if (fseeko(file, offset, SEEK_SET) != 0) fail(VQfault::cannot_write, cannot_write);
+}
+
+}  // namespace
+
+VQcomp_summary VQcomp::finish(FILE* file, PRUV_header_t* header) {
+  if (hdr_type != 0 && !header) fail(VQfault::misuse, header_required);
+  VQcomp_summary summary{};
+  const int size = finish(summary.contexts, summary.avg_distance, summary.address_length);
+  summary.transactions = record_count;
+  const int body = hdr_type == 0 ? size - trailer_bytes : size;
+  const long long end = handed_out + body;
+  write_bytes(file, buffer.get(), body);
+  if (hdr_type == 0) {
+    summary.totals = put_count(file, end);
+    reset_buffer();
+  } else {
+    reset_buffer();
+    summary.totals = rewrite_header(file, end, *header, summary.address_length);
+  }
+  return summary;
+}
+
+// The last bytes in the buffer are the count: puts them into the preamble, or at the end.
+VQtotals VQcomp::put_count(FILE* file, long long end) {
+  const bool in_place = seek_to_preamble(file, end);
+  write_bytes(file, at(used - trailer_bytes), trailer_bytes);
+  if (in_place) seek_to(file, end);
+  return in_place ? VQtotals::in_place : VQtotals::count_at_end;
+}
+
+VQtotals VQcomp::rewrite_header(FILE* file, long long end, PRUV_header_t& header,
+                                unsigned address_length) {
+  if (!seek_to_preamble(file, end)) {
+    if (header.trans_count != record_count) return VQtotals::count_differs;
+    return header.address_length == address_length ? VQtotals::in_place
+                                                   : VQtotals::address_length_differs;
+  }
+  header.trans_count = record_count;
+  header.address_length = address_length;
+  int size;
+  const std::unique_ptr<unsigned char[]> bytes(pruv_header_struct_to_bytes(header, size));
+  if (size == hdr_len) write_bytes(file, bytes.get(), size);
+  seek_to(file, end);
+  return size == hdr_len ? VQtotals::in_place : VQtotals::header_resized;
+}
+
 // VQuncomp: the preamble, the road of the bytes from chunk to buffer, the record readers, and the
 // checks at the end of the stream.
 
@@ -975,13 +1073,13 @@ VQuncomp::VQuncomp()
 
 VQuncomp::~VQuncomp() = default;
 
-void VQuncomp::fail(const char* msg, long long byte) const {
-  throw VQcomp_error{msg, record_number, byte, false};
+void VQuncomp::fail(const char* msg, long long byte, VQfault fault) const {
+  throw VQcomp_error{msg, record_number, byte, false, fault};
 }
 
 void VQuncomp::put(const unsigned char* data, int len) {
-  if (input_left > 0) fail("Previous block hasn't been finished", base + head);
-  if (finished) fail("Input has already been finished", base + head);
+  if (input_left > 0) fail("Previous block hasn't been finished", base + head, VQfault::misuse);
+  if (finished) fail("Input has already been finished", base + head, VQfault::misuse);
   input = data;
   input_left = std::max(len, 0);
   if (len <= 0) {
@@ -1363,17 +1461,17 @@ std::size_t VQuncomp::codec_4_field_cmp(VQtransaction* transactions, std::size_t
 namespace {
 
 // Takes the name, cut off after 19 characters, and the numbers of a line. False for a line that is
-// no transaction.
+// no transaction. Agent and count are scanned in 64 bits, of which the lower 32 count: where `long`
+// has 32 bits, "%x" and "%u" would take numbers that are too large for something else.
 bool scan_line(const char* line, char (&name)[20], long long& addr, int& agent, unsigned& count) {
-  unsigned long long scanned_addr;
-  unsigned scanned_agent;
-  char behind;
-  const int fields =
-      std::sscanf(line, "%19s%llx%x %u%c", name, &scanned_addr, &scanned_agent, &count, &behind);
-  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return false;
+  unsigned long long scanned_addr, scanned_agent, scanned_count;
+  char next;
+  const int fields = std::sscanf(line, "%19s%llx%llx %llu%c", name, &scanned_addr, &scanned_agent,
+                                 &scanned_count, &next);
+  if (fields < 3 || (fields == 5 && next != ' ' && next != '\n')) return false;
   addr = static_cast<long long>(scanned_addr);
   agent = static_cast<int>(scanned_agent);
-  if (fields == 3) count = 1;
+  count = fields == 3 ? 1 : static_cast<unsigned>(scanned_count);
   return true;
 }
 
@@ -1384,8 +1482,11 @@ velk_reader::velk_reader(FILE* stream, name_parser parser)
       str2num(parser ? parser : velk_trans_str2num_type1),
       usual_names(str2num == velk_trans_str2num_type1) {
   if (!file) return;
-  const int first = std::fgetc(file);
-  if (first == EOF) return;
+  unsigned char first;
+  if (read_bytes(file, &first, 1) == 0) {
+    if (std::ferror(file)) fail(VQfault::cannot_read, cannot_read);
+    return;
+  }
   std::ungetc(first, file);
   if (first == magic[0]) uncomp = std::make_unique<VQuncomp>();
 }
@@ -1393,24 +1494,41 @@ velk_reader::velk_reader(FILE* stream, name_parser parser)
 velk_reader::~velk_reader() = default;
 
 text_source& velk_reader::text_lines() {
-  if (!file) fail_outside_records("No input file open");
+  if (!file) fail(VQfault::misuse, "No input file open");
   if (!text) text = std::make_unique<text_source>(file);
   return *text;
 }
 
-// Hands the next chunk of the stream to the decompressor; an empty one is the end of the input.
+// Hands the next chunk of the stream to the decompressor; an empty one is the end of the input, or
+// of what can be read of it.
 void velk_reader::feed() {
-  chunk_len = int(std::fread(chunk, 1, sizeof chunk, file));
-  uncomp->put(chunk, chunk_len);
+  chunk_len = std::ferror(file) ? 0 : int(read_bytes(file, chunk, sizeof chunk));
+  try {
+    uncomp->put(chunk, chunk_len);
+  } catch (const VQcomp_error& error) {
+    throw cause_of(error);
+  }
+}
+
+// What the decompressor finds wrong with an input after a failed read comes from that.
+VQcomp_error velk_reader::cause_of(VQcomp_error error) const {
+  if (!std::ferror(file)) return error;
+  return {cannot_read, error.record, 0, false, VQfault::cannot_read};
 }
 
 std::size_t velk_reader::read(VQtransaction* transactions, std::size_t size) {
   if (!uncomp) return read_lines(transactions, size);
   try {
     for (;; feed())
-      if (const std::size_t delivered = uncomp->read(transactions, size)) return delivered;
+      if (const std::size_t delivered = uncomp->read(transactions, size)) {
+        line_no += delivered;
+        return delivered;
+      }
+  } catch (const VQcomp_error& error) {
+    throw cause_of(error);
   } catch (const VQcomp_done&) {
     uncomp.reset();
+    if (std::ferror(file)) fail(VQfault::cannot_read, cannot_read);
     return 0;
   }
 }
@@ -1444,15 +1562,24 @@ std::size_t velk_reader::read_lines(VQtransaction* transactions, std::size_t siz
       if (usual > 0) continue;
     }
     const std::string_view line = lines.piece(longest_line);
+    const bool is_whole = line.back() == '\n' || line.size() == longest_line;
+    if (!is_whole && lines.failed()) break;
     const char* const msg = read_any_line(line, transactions[done]);
     if (msg && done > 0) break;
     lines.skip(line.size());
     ++line_no;
-    if (msg) throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false};
+    if (msg) fail_at_line(msg, VQfault::bad_input);
     ++done;
   }
-  if (done == 0) ++line_no;  // the failed attempt at the end counts, too
+  if (done == 0) {
+    ++line_no;  // the attempt at the end counts, too
+    if (lines.failed()) fail_at_line(cannot_read, VQfault::cannot_read);
+  }
   return done;
+}
+
+void velk_reader::fail_at_line(const char* msg, VQfault fault) const {
+  throw VQcomp_error{msg, static_cast<long long>(line_no), 0, false, fault};
 }
 
 // Returns the message of a refusal, or null.
@@ -1495,11 +1622,11 @@ unsigned long long velk_reader::recorded_length() {
 // The count trailer, the last bytes of the input, which is spent then.
 unsigned long long velk_reader::trailing_length() {
   unsigned char trailer[trailer_bytes];
-  if (std::fseek(file, -trailer_bytes, SEEK_END) == 0) {
-    if (std::fread(trailer, 1, sizeof trailer, file) != sizeof trailer)
+  if (fseeko(file, -trailer_bytes, SEEK_END) == 0) {
+    if (read_bytes(file, trailer, sizeof trailer) != sizeof trailer)
       fail_outside_records("Error reading length from QUBIX");
   } else {
-    while (chunk_len == chunk_size) chunk_len = int(std::fread(chunk, 1, sizeof chunk, file));
+    while (chunk_len == chunk_size) chunk_len = int(read_bytes(file, chunk, sizeof chunk));
     // Behind the end of a short chunk stands the end of the chunk before it.
     for (int i = 0; i < trailer_bytes; ++i)
       trailer[i] = chunk[(chunk_len + chunk_size - trailer_bytes + i) % chunk_size];
@@ -1523,6 +1650,7 @@ PRUV_header_t* velk_reader::pruv_header(bool want_count) {
   std::unique_ptr<PRUV_header_t> header;
   if (uncomp) {
     header = recorded_header();
+    if (!header) fail(VQfault::misuse, "PRUV header has already been taken");
     if (header->trans_count != -1) return header.release();
   } else {
     header = std::make_unique<PRUV_header_t>();

@@ -9,16 +9,22 @@
 //   count   an unsigned number that the user of the trace gives a meaning; only file types 3 and 5
 //           store it, elsewhere it reads back as 1.
 //
-// To write a file: construct a VQcomp, call record() for each transaction, finish(), write out the
-// rest. To read one: velk_reader over a stream, of text or QUBIX; or VQuncomp, fed by hand. The
+// To write a file: construct a VQcomp over a stream, call record() for each transaction, then
+// finish(). To read one: velk_reader over a stream, of text or QUBIX; or VQuncomp, fed by hand. The
 // programs in examples/ do both.
 //
 // Installed, this is <vqpack/vqcomp.h>, needs C++20 and links with CMake's vqpack::vqcomp, from
 // find_package(vqpack), or what `pkg-config --cflags --libs vqpack` prints.
 //
-// Every failure is a VQcomp_error, thrown by value. VQcomp_block and VQcomp_done are signals of the
-// ordinary course of things. None of the objects may be used by two threads at once.
+// Every failure is a VQcomp_error, thrown by value, except that std::bad_alloc passes through where
+// memory runs out; the object can then only be destroyed. VQcomp_block and VQcomp_done are signals,
+// not failures. None of the objects may be used by two threads at once.
 #pragma once
+
+// The version of this header and of its library. A shared library takes its name from the first two.
+#define VQCOMP_VERSION_MAJOR 0
+#define VQCOMP_VERSION_MINOR 1
+#define VQCOMP_VERSION_PATCH 0
 
 #include <cstddef>
 #include <cstdio>
@@ -37,22 +43,34 @@ struct VQtransaction {
   velk_trans_class trans;
 };
 
+namespace vqpack::detail {
 class checksum;
 class context_list;
 class text_source;
 template <class T>
 class inslist;
+}  // namespace vqpack::detail
 
 #pragma GCC visibility push(default)  // of a shared library: what this header declares is its all
 
 // Errors and signals
 
-// A failure, with the place where the fault lies.
+// The kinds of failures.
+enum class VQfault {
+  misuse,        // an argument out of range, or a call out of order
+  cannot_read,   // a read of the input stream failed
+  cannot_write,  // a write, flush or seek of the output stream failed
+  bad_input,     // the input is no trace, is damaged, or is not whole
+  refused        // the file type cannot hold a transaction or a value of the header
+};
+
+// A failure, with the place where it was noticed.
 struct VQcomp_error {
   const char* msg;   // a string literal, never freed
   long long record;  // 1-based number of the transaction or text line; 0: none applies
   long long byte;    // 0-based offset in the QUBIX input; 0 or less: none applies
   bool closed;       // whether the output has been completed all the same; false when thrown
+  VQfault fault = VQfault::bad_input;
 
   // One line for the user, without a newline: the message, then ", at record R, byte B" with the
   // parts that apply. Empty when `msg` is null.
@@ -77,6 +95,18 @@ velk_trans_class velk_trans_str2num_type1(const char* name);
 
 // The name of a code, in static storage. Throws a bool, false, for codes above 67.
 const char* velk_trans_num2str_type1(velk_trans_class trans);
+
+// The code of one of the 68 names, as a constant: `case velk_trans_code("MEMRD64B"):`. A name that
+// is not in the table does not compile. (Below, as it needs VQcomp.)
+consteval velk_trans_class velk_trans_code(std::string_view name);
+
+// Which way a transaction moves data between memory or a device and the agent that issued it.
+enum class velk_access { none, read, write };
+
+// CDRD, IORD, MEMRD and RDINV of any size read; LNWR, IOWR, MEMWR, WRINV, WBMTOE64B and WBMTOS64B
+// write. All others, and codes above 67, do neither: interrupts, replies, special cycles, reserved
+// codes, VXB64B and VXBNC64B, and IOWR_RSVD.
+constexpr velk_access velk_trans_access(velk_trans_class trans);
 
 // PRUV header: the metadata of a trace
 
@@ -160,19 +190,39 @@ std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& o
 
 // VQcomp: transactions to a QUBIX file
 
+// What the start of a file says of its transactions in the end.
+enum class VQtotals {
+  in_place,                // the true count and, in types 2 to 5, the true address length
+  count_at_end,            // types 0 and 1: the count follows the checksum, as readers expect
+  count_differs,           // types 2 to 5: another count, at which readers report "Bad transaction
+                           // count" after the last transaction, unless it is 0
+  address_length_differs,  // types 2 to 5: another address length; no reader minds
+  header_resized           // types 2 to 5: what the constructor got, as the header has another
+                           // size now
+};
+
+// How a file came out.
+struct VQcomp_summary {
+  long long transactions;
+  unsigned contexts;        // in use at the end; 0 for raw coding
+  unsigned avg_distance;    // mean list position at which contexts were found, rounded; 0 for an
+                            // empty file
+  unsigned address_length;  // bits of the largest address, at least 8
+  VQtotals totals;
+};
+
 // Builds one QUBIX file in `buffer` and hands it out in blocks. The calls, in order: the
-// constructor; record() for each transaction; finish(); then the caller writes the bytes that
-// finish() told, puts the count in its place (below), and calls reset_buffer().
+// constructor; record() for each transaction; finish().
 //
-// With a stream (`out`) the blocks are written there, and the destructor writes what finish() left.
-// Without one, record() throws VQcomp_block whenever a block is full: the caller writes that many
-// bytes from the start of `buffer`, calls reset_buffer() and goes on with the *next* transaction;
-// the one that was given has been recorded.
+// With a stream (`out`) the blocks are written there. Without one, record() throws VQcomp_block
+// whenever a block is full: the caller writes that many bytes from the start of `buffer`, calls
+// reset_buffer() and goes on with the *next* transaction; the one that was given has been recorded.
 //
-// The count of transactions is not known until the end. Types 0 and 1 without seeking carry it
-// behind the checksum, as readers expect. In types 2 to 5 the header's `trans_count` is written as
-// it stands: readers refuse a file that holds another number of transactions, but take 0 for any,
-// and cannot use -1, so give the true number or 0, or rewrite the header.
+// The count of transactions is known only at the end. finish(FILE*, ...) puts it in its place where
+// the stream can seek. Elsewhere types 0 and 1 carry it after the checksum, as readers expect; in
+// types 2 to 5 the header's `trans_count` stays as the constructor got it: readers refuse a file
+// that holds another number of transactions, but take 0 for any, and cannot use -1, so give the
+// constructor the true number or 0.
 class VQcomp {
  public:
   // Names by code: eight types without a size, with three sizes and an unknown one; then others.
@@ -214,10 +264,10 @@ class VQcomp {
   // encoded.
   VQcomp(FILE* out, int version, PRUV_header_t* header, int size, long long window);
 
-  // Writes what is left when there is a stream, and throws VQcomp_error "Can't write output" when
-  // that fails. Throws "Compressor killed with output remaining" when there is none and the buffer
-  // is not empty. Both carry the number of transactions as `record`. Throws nothing when `aborted`
-  // is set or another exception is on its way.
+  // Writes what is left in the buffer when there is a stream, and throws VQcomp_error "Can't write
+  // output" when that fails. Throws "Compressor killed with output remaining" when there is none
+  // and the buffer is not empty. Both carry the number of transactions as `record`. Throws nothing
+  // when `aborted` is set or while another exception unwinds the stack.
   ~VQcomp() noexcept(false);
 
   VQcomp(const VQcomp&) = delete;
@@ -225,8 +275,9 @@ class VQcomp {
 
   // Records one transaction. Throws VQcomp_error with its 1-based number as `record`: "Transaction
   // out of range", "Lowest 3 bits of address not 0" and "Agent ID too big for this version" for one
-  // that is refused and not coded; "Can't write output" when a stream does not take a block. Throws
-  // VQcomp_block as told above.
+  // that is refused and not coded; "Can't write output" when a stream does not take a block;
+  // "Previous block hasn't been written" and "Output has already been finished" for a call out of
+  // order, which changes nothing. Throws VQcomp_block as described above.
   void record(velk_trans_class trans, long long addr, int agent, unsigned count);
 
   // Records several, of which it cuts the addresses of deferred replies as the file does. Stops
@@ -239,13 +290,23 @@ class VQcomp {
   // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
   int ready() const { return used < block_size ? 0 : mark; }
 
-  // Closes the file in `buffer` and returns the number of bytes there, all of which the caller must
-  // write. For file types 0 and 1 the last four of them are the count trailer: a writer that can
-  // seek puts those at offset 3 instead. For types 2 to 5 a writer that can seek rewrites the
-  // header at offset 3 where `trans_count` or `address_length` turned out different.
-  // `contexts` receives the number of contexts in use (0 for raw coding), `avg_distance` the mean
-  // list position at which they were found, rounded (0 for an empty file), `address_bits` the bit
-  // length of the largest address, at least 8.
+  // Completes the file: writes what is left to `file`, which must have received all blocks so far
+  // and nothing after them, and then puts the true totals at its start: in types 0 and 1 the count;
+  // in types 2 to 5 the header as it is now, with `trans_count` and `address_length` set to the
+  // true ones. The stream's position is then the end of the file. A stream that cannot seek, in
+  // which the file does not start at offset 0, or whose descriptor appends, is left as it is, and
+  // the summary says what its start holds. `header` is the constructor's for types 2 to 5, and must
+  // keep the lengths of its strings and lists; types 0 and 1 do not look at it. Throws
+  // VQcomp_error, without positions: "Can't write output", and what pruv_header_struct_to_bytes()
+  // throws; for a call out of order as record() does. Does not flush or close `file`, which the
+  // caller still has to check.
+  VQcomp_summary finish(FILE* file, PRUV_header_t* header);
+
+  // The same for a caller who writes the bytes: completes the file in `buffer` and returns the
+  // number of bytes there, all of which must be written before reset_buffer() is called. For file
+  // types 0 and 1 the last four of them are the count: a writer that can seek puts those at offset
+  // 3 instead. For types 2 to 5 a writer that can seek rewrites the header at offset 3 where
+  // `trans_count` or `address_length` turned out different. The outputs are as in VQcomp_summary.
   int finish(unsigned& contexts, unsigned& avg_distance, unsigned& address_bits);
 
   // Drops the bytes that have been handed out.
@@ -257,10 +318,11 @@ class VQcomp {
 
   // The encoded header, size field included, allocated with array new and owned by the caller;
   // `size` receives its length in bytes. Sets `max_contexts` to 0 when `compression` is 0. Throws
-  // VQcomp_error, without positions, for values that the header type cannot hold.
+  // VQcomp_error, without positions, for values that the header type cannot hold, and for negative
+  // lengths.
   static unsigned char* pruv_header_struct_to_bytes(PRUV_header_t& header, int& size);
 
-  std::unique_ptr<unsigned char[]> buffer;  // the file's bytes that were not yet handed out
+  std::unique_ptr<unsigned char[]> buffer;  // the bytes of the file that were not yet handed out
   int hdr_len;                              // bytes between the type byte and the first record
   bool aborted = false;  // set by a caller that gives up: the destructor then stays silent
 
@@ -293,7 +355,11 @@ class VQcomp {
 
   unsigned char* at(int position) const { return buffer.get() + position; }
   void put_byte(unsigned value);
-  [[noreturn]] void refuse(const char* msg) const;
+  void require_turn() const;
+  VQtotals put_count(FILE* file, long long end);
+  VQtotals rewrite_header(FILE* file, long long end, PRUV_header_t& header,
+                          unsigned address_length);
+  [[noreturn]] void refuse(const char* msg, VQfault fault) const;
 
   long long window;             // in 8-byte units
   unsigned max_contexts;        // 0xFFFFFFFF: no limit
@@ -302,9 +368,9 @@ class VQcomp {
   int block_size;               // fill level at which a block is handed out
   int used;                     // bytes in `buffer`
   int mark;                     // the latest record's first byte; all before it is final
-  std::unique_ptr<context_list> contexts;
+  std::unique_ptr<vqpack::detail::context_list> contexts;
   FILE* out;
-  std::unique_ptr<checksum> crc;
+  std::unique_ptr<vqpack::detail::checksum> crc;
   int version;
   int hdr_type;
   bool four_field;
@@ -315,8 +381,24 @@ class VQcomp {
   unsigned addr_bits = 4;     // bit length of the largest address so far
   codec_function codec;
   long long distance_sum = 0;  // of the positions at which contexts were found
-  int exceptions_at_birth;     // that were on their way when this object was made
+  long long handed_out = 0;    // bytes of the file before `buffer`
+  bool finished = false;
+  int exceptions_at_birth;  // that were on their way when this object was made
 };
+
+consteval velk_trans_class velk_trans_code(std::string_view name) {
+  velk_trans_class trans = 0;
+  while (name != VQcomp::FSB_transactions[trans]) ++trans;
+  return trans;
+}
+
+constexpr velk_access velk_trans_access(velk_trans_class trans) {
+  constexpr int sized = 40;  // below it, families that read and families that write alternate
+  if (trans < sized) return trans & 1 ? velk_access::write : velk_access::read;
+  const bool writes_back =
+      trans == velk_trans_code("WBMTOE64B") || trans == velk_trans_code("WBMTOS64B");
+  return writes_back ? velk_access::write : velk_access::none;
+}
 
 // VQuncomp: a QUBIX file to transactions
 
@@ -420,7 +502,7 @@ class VQuncomp {
   void want_more();
   void set_margin(int bytes);
   [[noreturn]] void check_end();
-  [[noreturn]] void fail(const char* msg, long long byte) const;
+  [[noreturn]] void fail(const char* msg, long long byte, VQfault fault = VQfault::bad_input) const;
 
   context* current;             // of the latest record
   context no_context;           // what `current` is before the first record
@@ -444,8 +526,8 @@ class VQuncomp {
   bool wide_agents = false;
   bool agent_escape = false;
   unsigned agent_bits = 0;  // of all agents, which have 16; the checksum covers no more
-  std::unique_ptr<checksum> crc;
-  std::unique_ptr<inslist<context>> contexts;
+  std::unique_ptr<vqpack::detail::checksum> crc;
+  std::unique_ptr<vqpack::detail::inslist<context>> contexts;
   int version = 0;
   int hdr_type = 0;
   bool four_field = false;
@@ -456,35 +538,43 @@ class VQuncomp {
 
 // velk_reader: transactions from a trace of either kind
 
-// Reads a stream that holds VELK text or a QUBIX file; the first byte tells which. Order of calls:
+// Reads a stream that holds VELK text or a QUBIX file; the first byte decides. Order of calls:
 // is_text(); pruv_header(), once; when needs_rewind() then holds, a new reader over the reopened
-// stream; read() until it returns false. Only VQcomp_error leaves a reader.
+// stream; read() until it returns false. Only VQcomp_error and std::bad_alloc leave a reader.
+//
+// A failed read is not the end of the input: once all whole transactions before it have been
+// delivered, read() throws VQcomp_error "Can't read input" with the number of the transaction that
+// it had reached. A line that it cut off is not delivered. Signals that interrupt a read, and short
+// reads, do not matter. Whether a process that feeds the stream has ended well only its owner
+// knows, and should ask once read() has returned false.
 class velk_reader {
  public:
   using name_parser = velk_trans_class (*)(const char* name);
 
-  // `file` is not owned and never closed; it must be able to push back one byte. `str2num` maps
-  // transaction names to codes and throws a bool for a name that it does not know; null takes
-  // velk_trans_str2num_type1.
+  // `file` is not owned and never closed; its error indicator must not be set, and it must be able
+  // to push back one byte. `str2num` maps transaction names to codes and throws a bool for a name
+  // that it does not know; null takes velk_trans_str2num_type1. Throws VQcomp_error "Can't read
+  // input", without positions, when the first read fails.
   velk_reader(FILE* file, name_parser str2num);
   virtual ~velk_reader();
   velk_reader(const velk_reader&) = delete;
   velk_reader& operator=(const velk_reader&) = delete;
 
   // The input's header, which belongs to the caller; for text a default one. With `want_count`, a
-  // total that the preamble does not tell is counted with length(). Throws what VQuncomp::put() and
-  // length() throw.
+  // total that the preamble does not hold is counted with length(). Throws what VQuncomp::put() and
+  // length() throw, "Can't read input" when a read of the preamble fails, and "PRUV header has
+  // already been taken" for a second call on QUBIX.
   virtual PRUV_header_t* pruv_header(bool want_count);
 
   // The number of transactions in the input. May consume the input, and then sets needs_rewind().
-  // Text is counted by lines, in pieces of at most 98 characters, and not parsed. Throws
-  // VQcomp_error, without positions, "No input file open" and "Error reading length from QUBIX",
-  // and what VQuncomp::put() throws.
+  // Text is counted by lines, in pieces of at most 98 characters, and not parsed. A failed read
+  // ends the count early; std::ferror(fp()) then holds. Throws VQcomp_error, without positions, "No
+  // input file open" and "Error reading length from QUBIX", and what VQuncomp::put() throws.
   virtual unsigned long long length();
 
   // Delivers the next transaction; false at the end of the input. `count` is 1 where the input
   // gives none. Throws VQcomp_error: for text with the 1-based line number as `record`, for QUBIX
-  // what VQuncomp throws. Text lines: velk(5).
+  // what VQuncomp throws, and "Can't read input" as described above. Text lines: velk(5).
   virtual bool read(velk_trans_class& trans, long long& addr, int& agent, unsigned& count);
   virtual bool read(velk_trans_class& trans, long long& addr, int& agent);
 
@@ -503,13 +593,15 @@ class velk_reader {
   std::size_t read_lines(VQtransaction* transactions, std::size_t size);
   const char* read_any_line(std::string_view line, VQtransaction& t) const;
   void feed();
+  VQcomp_error cause_of(VQcomp_error error) const;
+  [[noreturn]] void fail_at_line(const char* msg, VQfault fault) const;
   unsigned long long count_lines();
   unsigned long long recorded_length();
   unsigned long long trailing_length();
   std::unique_ptr<PRUV_header_t> recorded_header();
-  text_source& text_lines();
+  vqpack::detail::text_source& text_lines();
 
-  std::unique_ptr<text_source> text;
+  std::unique_ptr<vqpack::detail::text_source> text;
   std::unique_ptr<VQuncomp> uncomp;  // null for text, and behind the end of a QUBIX stream
   FILE* file;
   bool rewind_needed = false;

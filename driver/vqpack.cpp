@@ -9,10 +9,13 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -447,21 +450,20 @@ void edit_header(PRUV_header_t& header, run_settings& run) {
 
 // Conversion: the transactions of one run, from the reader to the output.
 
+constexpr char cannot_read[] = "Can't read input";
 constexpr char cannot_write[] = "Can't write output";
 constexpr int block_size = 1024;
-constexpr long preamble_offset = 3;  // of the transaction count, or of the PRUV header
-constexpr int trailer_bytes = 4;
 
-[[noreturn]] void fail_to_write() { throw VQcomp_error{cannot_write, 0, 0, false}; }
-
-void write_bytes(FILE* out, const unsigned char* bytes, int size) {
-  if (std::fwrite(bytes, 1, std::size_t(size), out) != std::size_t(size)) fail_to_write();
+[[noreturn]] void fail_to_write() {
+  throw VQcomp_error{cannot_write, 0, 0, false, VQfault::cannot_write};
 }
 
-// Whether the output can go back to its preamble. What was written before must not fail.
-bool seek_to_preamble(FILE* out) {
-  if (std::fflush(out) != 0) fail_to_write();
-  return std::fseek(out, preamble_offset, SEEK_SET) == 0;
+// Whether the input, read to its end, came to that by a failure: of a read, or of the process that
+// it comes from.
+bool input_failed(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
+
+[[noreturn]] void fail_to_read(bool closed) {
+  throw VQcomp_error{cannot_read, 0, 0, closed, VQfault::cannot_read};
 }
 
 // Consecutive transactions of the input, which are handled together.
@@ -508,66 +510,40 @@ class selected_batch {
 void record_batch(VQcomp& compressor, FILE* out, VQtransaction* first, const VQtransaction* last) {
   while (first != last) {
     first += compressor.record(first, std::size_t(last - first));
-    if (const int ready = compressor.ready()) {
-      write_bytes(out, compressor.buffer.get(), ready);
+    if (const auto ready = std::size_t(compressor.ready())) {
+      if (std::fwrite(compressor.buffer.get(), 1, ready, out) != ready) fail_to_write();
       compressor.reset_buffer();
     }
   }
 }
 
-// Hands the selected transactions to the compressor. All of the input is read. Returns the number
-// recorded; an error of the input, which ends the reading, goes to `input_error`.
-long long record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
-                          unsigned long long begin, unsigned long long end,
-                          std::optional<VQcomp_error>& input_error) {
-  long long recorded = 0;
+// Hands the selected transactions to the compressor. All of the input is read. Returns the error of
+// the input that ended the reading, if there was one.
+std::optional<VQcomp_error> record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
+                                            unsigned long long begin, unsigned long long end) {
   selected_batch batch(reader, begin, end);
-  const auto next = [&] {
+  for (;;) {
     try {
-      return batch.next();
+      if (!batch.next()) return std::nullopt;
     } catch (const VQcomp_error& error) {
-      input_error = error;
-      return false;
+      return error;
     }
-  };
-  while (next()) {
     record_batch(compressor, out, batch.begin(), batch.end());
-    recorded += batch.end() - batch.begin();
   }
-  return recorded;
 }
 
-// Puts the true totals into the header at the start of the file, where they turned out different.
-void fix_header(FILE* out, PRUV_header_t& header, int hdr_len, long long recorded,
-                unsigned address_bits) {
-  const bool count_differs = header.trans_count != recorded;
-  if (!count_differs && header.address_length == address_bits) return;
-  if (!seek_to_preamble(out)) {
-    std::cerr << (count_differs ? "Need to change transaction count: output not seekable"
-                                : "Can't update address size: output not seekable")
-              << std::endl;
-    return;
+// What to say of totals that are not in their place; null where readers do not mind.
+const char* complaint_of(VQtotals totals) {
+  switch (totals) {
+    case VQtotals::count_differs:
+      return "Need to change transaction count: output not seekable";
+    case VQtotals::address_length_differs:
+      return "Can't update address size: output not seekable";
+    case VQtotals::header_resized:
+      return "UNEXPECTED: PRUV header adjustment changed header size - left unchanged";
+    default:
+      return nullptr;
   }
-  header.trans_count = recorded;
-  header.address_length = address_bits;
-  int size;
-  const std::unique_ptr<unsigned char[]> bytes(VQcomp::pruv_header_struct_to_bytes(header, size));
-  if (size == hdr_len)
-    write_bytes(out, bytes.get(), size);
-  else
-    std::cerr << "UNEXPECTED: PRUV header adjustment changed header size - left unchanged"
-              << std::endl;
-}
-
-// Writes the end of the file. The count of file types 0 and 1 goes to its place in the preamble;
-// where the output cannot seek, it follows the checksum.
-void write_end(VQcomp& compressor, FILE* out, int size, int version) {
-  const bool has_trailer = version < first_version_with_header;
-  const int body = has_trailer ? size - trailer_bytes : size;
-  write_bytes(out, compressor.buffer.get(), body);
-  if (!has_trailer) return;
-  seek_to_preamble(out);
-  write_bytes(out, compressor.buffer.get() + body, trailer_bytes);
 }
 
 // Codes the selected transactions as a QUBIX file of type `version`. Takes the header's totals as a
@@ -578,22 +554,13 @@ void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t*
                      unsigned long long end) {
   set_buffer(out, output_buffer);
   VQcomp compressor(nullptr, version, header, block_size, window);
-  std::optional<VQcomp_error> input_error;
-  unsigned contexts, avg_distance, address_bits;
-  try {
-    const long long recorded = record_selected(*reader, compressor, out, begin, end, input_error);
-    const int size = compressor.finish(contexts, avg_distance, address_bits);
-    write_end(compressor, out, size, version);
-    if (version >= first_version_with_header)
-      fix_header(out, *header, compressor.hdr_len, recorded, address_bits);
-  } catch (const VQcomp_error&) {
-    compressor.aborted = true;
-    throw;
-  }
-  compressor.reset_buffer();
-  if (contexts != 0 && !quiet)
-    std::cerr << "QUBIX compressor used " << contexts << " contexts with average distance "
-              << avg_distance << std::endl;
+  const auto input_error = record_selected(*reader, compressor, out, begin, end);
+  const VQcomp_summary summary = compressor.finish(out, header);
+  if (const char* const complaint = complaint_of(summary.totals))
+    std::cerr << complaint << std::endl;
+  if (summary.contexts != 0 && !quiet)
+    std::cerr << "QUBIX compressor used " << summary.contexts << " contexts with average distance "
+              << summary.avg_distance << std::endl;
   if (input_error) throw *input_error;
 }
 
@@ -622,7 +589,7 @@ class text_output {
   static constexpr std::size_t block = 1 << 16;
 
   FILE* out_;
-  line_format format_;
+  vqpack::detail::line_format format_;
   std::vector<char> lines_;
   std::size_t used_ = 0;
 };
@@ -657,9 +624,12 @@ bool shows_progress(const run_settings& run, FILE* out) {
   return kind != 0 && !is_pipe(kind);
 }
 
+// Throws VQcomp_error where nothing can be read.
 std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
-  if (watched) return std::make_unique<watched_reader>(in);
-  return std::make_unique<velk_reader>(in, nullptr);
+  auto reader =
+      watched ? std::make_unique<watched_reader>(in) : std::make_unique<velk_reader>(in, nullptr);
+  if (std::feof(in) && input_failed(in)) fail_to_read(false);
+  return reader;
 }
 
 // Everything between the opening of the streams and their closing. Returns the exit status, or
@@ -672,7 +642,9 @@ int convert(run_settings& run, stream& in, FILE* out) {
   const bool count_shows = run.show_metadata || run.version >= first_version_with_header;
   const bool want_count = count_shows && in.get() != stdin && !is_read_once(run.infile);
   const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count));
+  bool failed = false;
   if (reader->needs_rewind()) {
+    failed = input_failed(in.get());
     reader.reset();
     in.reset();
     in.reset(xfopen(run.infile, "r"));
@@ -693,12 +665,14 @@ int convert(run_settings& run, stream& in, FILE* out) {
     compress_stream(reader.get(), out, version, header.get(), run.window, run.quiet, run.begin,
                     run.end);
   }
+  if (failed || input_failed(in.get())) fail_to_read(true);
   return success;
 }
 
-// Prints an error that ended the conversion; returns the exit status.
+// Prints an error that ended the conversion; returns the exit status. How far a failed read had
+// come is not where the fault lies.
 int report(const VQcomp_error& error) {
-  std::cerr << error.str() << std::endl;
+  std::cerr << (error.fault == VQfault::cannot_read ? error.msg : error.str()) << std::endl;
   if (!error.closed) return failure;
   std::cerr << std::endl
             << "Error found on input, so the output was closed with what it already had."
@@ -721,11 +695,12 @@ int close_streams(stream& in, stream& out, int status) {
   return failure;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// Returns the exit status.
+int run_command(int argc, char** argv) {
   std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
   occupy_standard_streams();
+  std::signal(SIGCHLD,
+              SIG_DFL);  // ignored, as some parents leave it, it takes the status of children
   run_settings run;
   stream in, out;
   if (const auto status = scan_arguments(argc, argv, run)) return *status;
@@ -738,4 +713,27 @@ int main(int argc, char** argv) {
     status = report(error);
   }
   return close_streams(in, out, status);
+}
+
+int run_out_of_memory() {
+  constexpr char message[] = "Out of memory\n";
+  static_cast<void>(!write(STDERR_FILENO, message, sizeof message - 1));
+  return failure;
+}
+
+// The runtime keeps some memory for exceptions; where it has none, no exception comes into being.
+[[noreturn]] void end_without_exception() {
+  if (std::current_exception()) std::abort();
+  std::_Exit(run_out_of_memory());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::set_terminate(end_without_exception);
+  try {
+    return run_command(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return run_out_of_memory();
+  }
 }

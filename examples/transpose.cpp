@@ -15,8 +15,8 @@ constexpr long long source = 0x10000000, target = 0x20000000;
 
 // Throws VQcomp_error for a transaction that the file type cannot hold, and for a failed write.
 void transpose(VQcomp& trace) {
-  const velk_trans_class read = velk_trans_str2num_type1("MEMRD64B");
-  const velk_trans_class write = velk_trans_str2num_type1("MEMWR64B");
+  constexpr velk_trans_class read = velk_trans_code("MEMRD64B"),
+                             write = velk_trans_code("MEMWR64B");
   for (int row = 0; row < rows / 2; ++row)
     for (int column = 0; column < rows; ++column)
       for (int agent = 0; agent < 2; ++agent) {
@@ -31,10 +31,9 @@ void write_trace(std::FILE* file) {
   header.max_contexts = 16383;  // as vqpack does: it bounds the time and memory of both sides
   VQcomp trace(file, 1, &header, 65536, 65535);
   transpose(trace);
-  unsigned contexts, distance, address_bits;
-  trace.finish(contexts, distance, address_bits);
-  std::printf("%u contexts, %u address bits\n", contexts, address_bits);
-}  // here the last bytes are written
+  const VQcomp_summary summary = trace.finish(file, &header);
+  std::printf("%u contexts, %u address bits\n", summary.contexts, summary.address_length);
+}
 
 }  // namespace
 

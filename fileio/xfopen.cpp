@@ -12,16 +12,18 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #undef NDEBUG  // the one assertion here is worth its time in every build
 #include <cassert>
 
 namespace {
 
-// A stream that a process stands behind.
+// A stream from or to a process.
 struct pfile {
   FILE* fp;
-  pid_t process;
+  pid_t process;  // 0: has been waited for
+  int status;     // of its end then
   std::unique_ptr<pfile> next;
 };
 
@@ -34,7 +36,7 @@ std::unique_ptr<pfile>& find_pfile(FILE* fp) {
   return *pfp;
 }
 
-// A stream that is in the list was closed behind our back.
+// A stream that is in the list was closed without xfclose().
 FILE* checked_new(FILE* fp) {
   for (const std::unique_ptr<pfile>* pfp = &pfiles; *pfp; pfp = &(*pfp)->next)
     assert((*pfp)->fp != fp);
@@ -49,14 +51,16 @@ class descriptor {
     fd_ = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(fd);
   }
-  ~descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
+  ~descriptor() { reset(); }
   descriptor(const descriptor&) = delete;
   descriptor& operator=(const descriptor&) = delete;
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
+
+  void reset() {
+    if (fd_ >= 0) close(std::exchange(fd_, -1));
+  }
 
   FILE* make_stream(const char* mode) {
     FILE* const stream = fdopen(fd_, mode);
@@ -68,13 +72,23 @@ class descriptor {
   int fd_;
 };
 
+// Returns the wait status, -1 on failure.
+int wait_for(pid_t process) {
+  int status;
+  while (waitpid(process, &status, 0) < 0)
+    if (errno != EINTR) return -1;
+  return status;
+}
+
 // Runs the program with `input` and `output` as its standard streams, those that are open. Returns
 // its process number, 0 on failure.
 pid_t spawn(const char* const argv[], const descriptor& input, const descriptor& output) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (input) posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
-  if (output) posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
+  const auto redirect = [&actions](const descriptor& from, int to) {
+    return !from || posix_spawn_file_actions_adddup2(&actions, from.get(), to) == 0;
+  };
+  const bool redirected = redirect(input, STDIN_FILENO) && redirect(output, STDOUT_FILENO);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t defaults;
@@ -83,7 +97,8 @@ pid_t spawn(const char* const argv[], const descriptor& input, const descriptor&
   posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   pid_t process = 0;
-  if (posix_spawn(&process, argv[0], &actions, &attributes, const_cast<char**>(argv), environ) != 0)
+  if (!redirected ||
+      posix_spawn(&process, argv[0], &actions, &attributes, const_cast<char**>(argv), environ) != 0)
     process = 0;
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
@@ -97,12 +112,19 @@ FILE* open_pipe(const char* const argv[], bool reading, const descriptor& file) 
   if (pipe2(ends, O_CLOEXEC) != 0) return nullptr;
   descriptor read_end(ends[0]), write_end(ends[1]);
   if (!read_end || !write_end) return nullptr;
-  const pid_t process = reading ? spawn(argv, file, write_end) : spawn(argv, read_end, file);
-  if (process == 0) return nullptr;
-  FILE* const fp = reading ? read_end.make_stream("r") : write_end.make_stream("w");
-  if (!fp) return nullptr;
-  pfiles = std::make_unique<pfile>(pfile{checked_new(fp), process, std::move(pfiles)});
-  return fp;
+  auto opened = std::make_unique<pfile>();
+  opened->process = reading ? spawn(argv, file, write_end) : spawn(argv, read_end, file);
+  if (opened->process == 0) return nullptr;
+  descriptor& our_end = reading ? read_end : write_end;
+  opened->fp = checked_new(our_end.make_stream(reading ? "r" : "w"));
+  if (!opened->fp) {
+    our_end.reset();
+    wait_for(opened->process);
+    return nullptr;
+  }
+  opened->next = std::move(pfiles);
+  pfiles = std::move(opened);
+  return pfiles->fp;
 }
 
 bool has(const char* mode, char letter) { return std::strchr(mode, letter) != nullptr; }
@@ -172,11 +194,11 @@ FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {
   return checked_new(std::fopen(file.c_str(), mode));
 }
 
-int wait_for(pid_t process) {
-  int status;
-  while (waitpid(process, &status, 0) < 0)
-    if (errno != EINTR) return -1;
-  return status;
+// The status with which the stream's process ends, if there is one.
+int status_of(const std::unique_ptr<pfile>& place) {
+  if (!place) return 0;
+  if (place->process) place->status = wait_for(std::exchange(place->process, 0));
+  return place->status;
 }
 
 }  // namespace
@@ -192,11 +214,13 @@ bool xfstat(const char* name, const char* mode, struct stat& status) {
   return stat(file.c_str(), &status) == 0;
 }
 
+int xfwait(FILE* stream) { return status_of(find_pfile(stream)); }
+
 int xfclose(FILE* stream) {
   std::unique_ptr<pfile>& place = find_pfile(stream);
-  const pid_t process = place ? place->process : 0;
-  if (place) place = std::move(place->next);
+  const std::unique_ptr<pfile> taken = std::move(place);
+  if (taken) place = std::move(taken->next);
   const int closed = std::fclose(stream);
-  const int status = process ? wait_for(process) : 0;
+  const int status = status_of(taken);
   return status ? status : closed;
 }

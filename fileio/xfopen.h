@@ -23,6 +23,10 @@ FILE* xfopen_simple(const char* name, const char* mode);
 // or when the name is a command.
 bool xfstat(const char* name, const char* mode, struct stat& status);
 
+// Waits for the process that a stream comes from, once its end has been read. Returns its wait
+// status, -1 when there is none to be had, and 0 for any other stream.
+int xfwait(FILE* stream);
+
 // Closes a stream. Returns 0 on success; for the stream of a command or compressor, which is waited
 // for, its wait status if that is not 0; EOF when bytes could not be written.
 int xfclose(FILE* stream);

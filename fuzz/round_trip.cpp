@@ -3,6 +3,8 @@
 #include "coder/line_format.h"
 #include "fuzz.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 coder_limits choose_limits(fuzz_input& input) {

@@ -1,9 +1,9 @@
 # What `cmake --install` puts where, and the Debian package that `cpack` makes of it.
 include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
 
-install(TARGETS vqpack)
-install(TARGETS vqcomp EXPORT vqpack)
-install(FILES coder/vqcomp.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vqpack)
+install(TARGETS vqcomp EXPORT vqpack INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${vqcomp_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vqpack)
 
 # find_package(vqpack) and pkg-config; both find the tree wherever it has been moved to.
 set(cmake_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vqpack)
@@ -16,17 +16,28 @@ file(RELATIVE_PATH pkgconfig_to_include ${pkgconfig_dir} ${CMAKE_INSTALL_FULL_IN
 configure_file(packaging/vqpack.pc.in vqpack.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vqpack.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(FILES man/vqpack.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES man/velk.5 man/qubix.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES completions/vqpack.bash RENAME vqpack
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES completions/_vqpack DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
-install(FILES completions/vqpack.fish
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 install(FILES README.md CHANGELOG.md SECURITY.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES bench/comparison.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
-install(FILES examples/CMakeLists.txt examples/count.cpp examples/transpose.cpp
-        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+if(EXISTS ${PROJECT_SOURCE_DIR}/doc)
+  install(DIRECTORY doc/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/doc FILES_MATCHING PATTERN *.md)
+endif()
+file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp)
+install(FILES examples/CMakeLists.txt ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+if(VQPACK_BUILD_PROGRAM)
+  install(TARGETS vqpack)
+  install(FILES man/vqpack.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES completions/vqpack.bash RENAME vqpack
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES completions/_vqpack DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+  install(FILES completions/vqpack.fish
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+endif()
+
+if(NOT PROJECT_IS_TOP_LEVEL)
+  return()  # a package is the business of the project that takes this one in
+endif()
 
 # The Debian package: cpack -G DEB. gzip is always there on Debian; bzip2 is wanted only for names in
 # .bz2. What Debian arranges differently from other systems is done to the staged tree by

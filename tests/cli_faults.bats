@@ -48,7 +48,7 @@ setup() {
     ((call >= least && call < 100)) || { echo "$*: $call calls"; false; }
   }
   export ASAN_OPTIONS=verify_asan_link_order=0
-  cp "$FAILING_OUTPUT" failing.so # its name must not have blanks
+  cp "$FAILING_CALLS" failing.so # its name must not have blanks
   head -500 "$trace" >lines
   least=5
   each_call -v 0 lines out
@@ -88,5 +88,85 @@ setup() {
     [ "$output" = "Can't write output" ]
     run -255 "$VQPACK" -q -v 0 "$trace" "|$command"
     [ "$output" = "Can't write output" ]
+  done
+}
+
+# runs STATUS OPTION... : that is how it ends, with the message about an input that cannot be read
+unreadable() {
+  local status=$1
+  shift
+  run "-$status" --separate-stderr timeout 20 "$@"
+  grep -qx "Can't read input" <<<"$stderr" || { echo "$*: $stderr"; false; }
+  ! ((status == 1)) || [[ $stderr = *"USE AT YOUR OWN RISK!" ]]
+}
+
+@test "an input that cannot be read" {
+  mkdir folder
+  unreadable 255 "$VQPACK" -q - out <folder
+  unreadable 255 "$VQPACK" -q - out 0>written
+  unreadable 255 bash -c '"$VQPACK" -q - out <&-'
+  unreadable 255 "$VQPACK" -q /proc/self/mem out
+  unreadable 255 "$VQPACK" -q 'exec /nowhere/command|' out
+  unreadable 255 "$VQPACK" '|exit 3' out
+  echo no archive >bad.gz
+  cp bad.gz bad.bz2
+  unreadable 255 "$VQPACK" -v 4 bad.gz out
+  unreadable 255 "$VQPACK" bad.bz2 out
+  [ ! -s out ]
+}
+
+@test "a process that fails after it has delivered a trace" {
+  { gzip -c "$trace" | head -c -1 && printf x; } >text.gz  # the length in its trailer is wrong
+  { gzip -c file | head -c -1 && printf x; } >file.gz
+  head -1000 "$trace" >part
+  for options in "" "-v 0" "-v 5" "-p -v 2"; do
+    unreadable 1 "$VQPACK" -q $options text.gz out
+    "$VQPACK" out | sed 's/ 1$//' | cmp "$trace" -
+    unreadable 1 "$VQPACK" -q $options "head -1000 '$trace'; exit 3|" out
+    "$VQPACK" out | sed 's/ 1$//' | cmp part -
+  done
+  unreadable 1 "$VQPACK" file.gz out
+  cmp "$trace" out
+  # An error of the trace's own comes first, and a reader that goes away is no fault of the input.
+  { cat "$trace" && echo bad; } >bad
+  run -1 --separate-stderr "$VQPACK" -q "cat bad; exit 3|" out
+  [ "${stderr_lines[0]}" = "Bad input line, at record 5001" ]
+  run -255 "$VQPACK" -q "cat '$trace'; exit 3|" /dev/full
+  [ "$output" = "Can't write output" ]
+}
+
+@test "outputs that do not start at their file's start, or append, are not rewritten" {
+  "$VQPACK" -q "$trace" one
+  "$VQPACK" -q "$trace" | cat >pipe
+  { echo text; "$VQPACK" -q "$trace"; "$VQPACK" -q "$trace"; } >both
+  { echo text; cat pipe pipe; } | cmp both
+  { "$VQPACK" -q "$trace"; "$VQPACK" -q "$trace"; echo text; } >both
+  { cat one pipe; echo text; } | cmp both
+  "$VQPACK" -q "$trace" >>added
+  cmp pipe added
+  run -0 "$VQPACK" -q -v 4 - /dev/null <"$trace" # a device that seeks, but stays at its start
+  [ -z "$output" ]
+}
+
+@test "a parent that ignores the end of its children" {
+  (trap '' CHLD && exec "$VQPACK" -q "$trace" out.gz)
+  (trap '' CHLD && exec "$VQPACK" out.gz) | cmp "$trace" -
+}
+
+@test "memory that runs out, once or for good" {
+  [[ $(ldd "$VQPACK") != *libasan* ]] || skip "the sanitizer has its own memory"
+  cp "$FAILING_CALLS" failing.so
+  head -300 "$trace" >lines
+  gzip -k lines
+  echo 1 2 3 4 5 6 7 >points
+  for arguments in "lines out" "file out" "-v 5 -t text -s points lines.gz out.gz" "-p file out" -h; do
+    for all in "" ALL_ALLOCATIONS=1; do
+      for ((call = 1; call < 200; ++call)); do
+        run env $all FAILING_ALLOCATION=$call LD_PRELOAD=./failing.so "$VQPACK" -q $arguments
+        [ "$status" -ne 0 ] || [ -z "$all" -a "$call" -lt 150 ] || break
+        [[ $status -eq 0 || $output = *"Out of memory" || $output = "Can't "* ]]
+        ((status == 0 || status == 255))
+      done
+    done
   done
 }

@@ -1,9 +1,13 @@
 // Transactions to QUBIX files and back: the bytes, whole files, damaged files, errors.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
 #include "support.h"
+
+using namespace vqpack::detail;
 
 namespace {
 
@@ -341,24 +345,84 @@ TEST(Coder, WhatFinishTells) {
   }
 }
 
-TEST(Coder, AStreamGetsTheBytesOfTheBlocks) {
-  for (const coding c : all_codings) {
-    const trace transactions = random_trace(2, 500, c);
-    char* written = nullptr;
-    std::size_t size = 0;
-    FILE* const out = open_memstream(&written, &size);
-    {
+bytes content_of(FILE* file) {
+  std::fflush(file);
+  bytes content(std::size_t(lseek(fileno(file), 0, SEEK_END)));
+  EXPECT_EQ(pread(fileno(file), content.data(), content.size(), 0), ssize_t(content.size()));
+  return content;
+}
+
+TEST(Coder, FinishPutsTheTotalsIntoTheStartOfAFile) {
+  for (const coding c : all_codings)
+    for (const bool adds : {false, true}) {  // where the file before it ends
+      const trace transactions = random_trace(2, 500, c);
+      const file_ptr file(std::tmpfile());
       PRUV_header_t header;
       header.compression = c.compressed;
-      header.trans_count = static_cast<long long>(transactions.size());
-      VQcomp coder(out, c.version, &header, 84, 65535);
-      for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
-      unsigned contexts, distance, bits;
-      coder.finish(contexts, distance, bits);
+      header.trans_count = 7;
+      for (int files = 0; files <= adds; ++files) {
+        VQcomp coder(file.get(), c.version, &header, 84, 65535);
+        for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
+        const VQcomp_summary summary = coder.finish(file.get(), &header);
+        EXPECT_EQ(summary.transactions, ssize_t(transactions.size()));
+        EXPECT_EQ(summary.totals,
+                  files == 0 || c.version > 1 ? VQtotals::in_place : VQtotals::count_at_end);
+      }
+      const bytes content = content_of(file.get());
+      const std::size_t first_size =
+          adds ? (content.size() - 4 * (c.version < 2)) / 2 : content.size();
+      const auto middle = content.begin() + ssize_t(first_size);
+      EXPECT_TRUE(decode(bytes(content.begin(), middle)) == (decoded{transactions, ""})) << c;
+      const bytes second(middle, content.end());
+      EXPECT_TRUE(!adds || decode(second) == (decoded{transactions, ""})) << c;
     }
-    std::fclose(out);
-    EXPECT_TRUE(bytes(written, written + size) == encode(transactions, c)) << c;
-    std::free(written);
+}
+
+TEST(Coder, FinishLeavesOtherStreamsAsTheyAre) {
+  for (const coding c : all_codings)
+    for (const bool appends : {false, true}) {
+      const trace transactions = random_trace(2, 500, c);
+      const file_ptr file(std::tmpfile());
+      if (appends) fcntl(fileno(file.get()), F_SETFL, O_APPEND);
+      const std::string before = appends ? "" : "text";
+      std::fputs(before.c_str(), file.get());
+      PRUV_header_t header;
+      header.compression = c.compressed;
+      header.trans_count = ssize_t(transactions.size());
+      VQcomp coder(file.get(), c.version, &header, 84, 65535);
+      for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
+      EXPECT_EQ(coder.finish(file.get(), &header).totals,
+                c.version < 2 ? VQtotals::count_at_end : VQtotals::address_length_differs);
+      bytes wanted = encode(transactions, c);
+      wanted.insert(wanted.begin(), before.begin(), before.end());
+      EXPECT_TRUE(content_of(file.get()) == wanted) << c;
+    }
+}
+
+TEST(Coder, CallsOutOfOrderAreRefused) {
+  const std::string unwritten = "Previous block hasn't been written, at record ",
+                    finished = "Output has already been finished, at record ";
+  for (const coding c : all_codings) {
+    PRUV_header_t header;
+    header.compression = c.compressed;
+    VQcomp coder(nullptr, c.version, &header, 84, 65535);
+    coder.aborted = true;
+    unsigned ignored;
+    long long addr = 0;
+    const auto record = [&] { coder.record(0, addr += 1 << 20, 0, 1); };
+    const auto finish = [&] { coder.finish(ignored, ignored, ignored); };
+    long long recorded = 0;
+    while (!coder.ready()) try {
+        ++recorded;
+        record();
+      } catch (const VQcomp_block&) {
+      }
+    EXPECT_EQ(error_of(record), unwritten + std::to_string(recorded));
+    EXPECT_EQ(error_of(finish), unwritten + std::to_string(recorded));
+    coder.reset_buffer();
+    finish();
+    EXPECT_EQ(error_of(record), finished + std::to_string(recorded));
+    EXPECT_EQ(error_of(finish), finished + std::to_string(recorded));
   }
 }
 

@@ -8,6 +8,8 @@
 #include "coder/inslist.h"
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 // What context_list does, in its plainest form.

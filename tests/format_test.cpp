@@ -4,6 +4,8 @@
 #include "coder/line_format.h"
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 TEST(LineFormat, PrintsWhatPrintfPrints) {

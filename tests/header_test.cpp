@@ -5,6 +5,8 @@
 
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 using header_ptr = std::unique_ptr<PRUV_header_t>;
@@ -195,6 +197,12 @@ TEST(Header, EncoderRefusesWhatItsFieldsCannotHold) {
       header->sensitivity_count = count;
       EXPECT_EQ(error_of([&] { to_bytes(*header); }), std::string("PRUV header: ") + error);
     }
+  }
+  for (const auto length : {&h::extra_shorts_1_count, &h::trans_name_count, &h::extra_string_count,
+                            &h::extra_shorts_2_count, &h::sensitivity_count}) {
+    const header_ptr header = small_header(4);
+    (*header).*length = -1;
+    EXPECT_EQ(error_of([&] { to_bytes(*header); }), "PRUV header: negative length of a list");
   }
   for (const int version : {1, 6})
     EXPECT_EQ(error_of([=] { to_bytes(*small_header(version)); }),

@@ -12,6 +12,19 @@ TEST(Names, EveryNameGivesItsCode) {
   EXPECT_THROW(velk_trans_num2str_type1(255), bool);
 }
 
+TEST(Names, CodesAndWaysAreConstants) {
+  static_assert(velk_trans_code("CDRD") == 0 && velk_trans_code("WBMTOS64B") == 67);
+  const auto ways = [] {
+    std::string letters;
+    for (int trans = 0; trans < 256; ++trans)
+      letters += "-rw"[int(velk_trans_access(velk_trans_class(trans)))];
+    return letters;
+  }();
+  std::string wanted;
+  for (int sizes = 0; sizes < 5; ++sizes) wanted += "rwrwrwrw";
+  EXPECT_EQ(ways, wanted + std::string(26, '-') + "ww" + std::string(188, '-'));
+}
+
 // Names that are easily taken for one another, or for a sized family.
 TEST(Names, CodesOfLookalikes) {
   const std::pair<const char*, int> rows[] = {

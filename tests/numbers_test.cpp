@@ -7,6 +7,8 @@
 #include "coder/stop_bit.h"
 #include "support.h"
 
+using namespace vqpack::detail;
+
 namespace {
 
 template <class Number, class Put, class Get>

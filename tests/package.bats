@@ -17,7 +17,7 @@ outside_project() {
   cmake --build "$1" >/dev/null
 }
 
-# check_examples DIR: runs them.
+# check_examples DIR: runs two of them.
 check_examples() {
   "$1/count" "$SAMPLES/sort.velk" >counted
   diff counted - <<'END'
@@ -38,8 +38,9 @@ END
 @test "the installed tree holds what is published and nothing else" {
   install_to "$prefix"
   find "$prefix" -type f -printf '%P\n' | sed 's,^lib[^/]*/\([a-z0-9_-]*-linux-gnu[^/]*/\)\?,lib/,' |
-    sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,' | sort >found
-  LC_ALL=C sort <<'END' | diff found -
+    sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,' | LC_ALL=C sort >found
+  ls "$SOURCE"/examples/*.cpp "$SOURCE"/doc/*.md 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
+  LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
 include/vqpack/vqcomp.h
 lib/cmake/vqpack/vqpack-config-CONFIG.cmake
@@ -54,8 +55,6 @@ share/doc/vqpack/README.md
 share/doc/vqpack/SECURITY.md
 share/doc/vqpack/bench/comparison.svg
 share/doc/vqpack/examples/CMakeLists.txt
-share/doc/vqpack/examples/count.cpp
-share/doc/vqpack/examples/transpose.cpp
 share/fish/vendor_completions.d/vqpack.fish
 share/man/man1/vqpack.1
 share/man/man5/qubix.5
@@ -82,12 +81,92 @@ END
   for compiler in "$CXX" $(command -v clang++ || true); do
     echo '#include <vqpack/vqcomp.h>' >alone.cpp
     eval "$compiler $flags -c alone.cpp $(pkg-config --cflags vqpack)"
-    for example in count transpose; do
-      eval "$compiler $flags '$prefix/share/doc/vqpack/examples/$example.cpp'" \
-        "$(pkg-config --cflags --libs vqpack) -o built/$example"
+    for example in "$prefix"/share/doc/vqpack/examples/*.cpp; do
+      eval "$compiler $flags '$example' $(pkg-config --cflags --libs vqpack)" \
+        "-o built/$(basename "$example" .cpp)"
     done
     check_examples built
   done
+}
+
+@test "a project takes the source in, and gets the library and nothing else" {
+  cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.21)
+project(simulator VERSION 1 LANGUAGES CXX)
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+foreach(name coder xfopen generate plain failing_output)
+  add_custom_target(${name})
+endforeach()
+if(WAY STREQUAL add_subdirectory)
+  add_subdirectory(${SOURCE} vqpack)
+elseif(WAY STREQUAL FetchContent)
+  include(FetchContent)
+  FetchContent_Declare(vqpack SOURCE_DIR ${SOURCE})
+  FetchContent_MakeAvailable(vqpack)
+else()
+  return()
+endif()
+foreach(example count transpose)
+  add_executable(${example} ${SOURCE}/examples/${example}.cpp)
+  target_link_libraries(${example} PRIVATE vqpack::vqcomp)
+endforeach()
+install(TARGETS count)
+END
+  for way in nothing add_subdirectory FetchContent; do
+    cmake -S . -B $way --no-warn-unused-cli -DWAY=$way -DSOURCE="$SOURCE" \
+      -DCMAKE_CXX_COMPILER="$CXX" >/dev/null
+    sed -n 's/^\([^:]*\):.*=.*/\1/p' $way/CMakeCache.txt | sort >$way/variables
+    [ $way != nothing ] || continue
+    comm -13 nothing/variables $way/variables >new
+    run -1 grep -Ev '^(VQPACK|vqpack|FETCHCONTENT)_' new
+    run -1 grep -e ' -W' -e -prefix-map $way/compile_commands.json
+    cmake --build $way >/dev/null
+    check_examples $way
+    cmake --install $way --prefix "$prefix/$way" >/dev/null
+    [ "$(cd "$prefix/$way" && find . -type f)" = ./bin/count ]
+  done
+}
+
+# check_symbols LIBRARY [OPTION]: a program finds in it what the header declares, and names that begin
+# with vqpack's namespace or the C++ library's.
+check_symbols() {
+  nm -P --defined-only --extern-only "$@" | sed -n '/:$/!s/ .*//p' >symbols
+  grep -q '^_ZN6VQcomp6record' symbols
+  scope='(N[VK]*)?(S[a-z]|[0-9]+(VQ|velk_|PRUV_header_t|vqpack|__gnu_cxx))'
+  run -1 grep -Ev "^(DW\.ref\.|_Z(nw|dl)|_Z+(T[A-Z]|GV)?$scope)" symbols
+}
+
+@test "a program may have the names that the library uses inside" {
+  install_to "$prefix"
+  library=$(find "$prefix" -name libvqcomp.a)
+  check_symbols "$library"
+  # As what they are not in the library, and as classes that are taken for its own.
+  cat >names.h <<'END'
+using checksum = unsigned;
+using text_source = const char*;
+namespace inslist {}
+namespace context_list {}
+inline int recency_log, entry, delta;
+END
+  cat >classes.cpp <<'END'
+#include <vqpack/vqcomp.h>
+#include <cstdlib>
+struct checksum { void fold(const VQtransaction*, std::size_t, bool, bool); };
+void checksum::fold(const VQtransaction*, std::size_t, bool, bool) { std::abort(); }
+struct context_list { void insert(unsigned, long long); };
+void context_list::insert(unsigned, long long) { std::abort(); }
+struct recency_log { unsigned exchange(unsigned, unsigned); void revive(unsigned); };
+unsigned recency_log::exchange(unsigned, unsigned) { std::abort(); }
+void recency_log::revive(unsigned) { std::abort(); }
+END
+  mkdir built
+  $CXX $flags -c classes.cpp -I "$prefix/include"
+  for example in count transpose; do
+    $CXX $flags -include names.h "$SOURCE/examples/$example.cpp" classes.o -I "$prefix/include" \
+      "$library" -o built/$example
+  done
+  check_examples built
 }
 
 @test "the shared library exports what the header declares; DESTDIR" {
@@ -99,9 +178,8 @@ END
   mv "$PWD/staged$prefix" "$prefix"
   library=$(find "$prefix" -name libvqcomp.so)
   readelf -d "$library" | grep SONAME | grep -q 'libvqcomp\.so\.0\.1\]'
-  nm -DC --defined-only "$library" | cut -d' ' -f3- >exported
-  grep -q '^VQcomp::record(' exported
-  run ! grep -Ev '^((typeinfo|typeinfo name|vtable) for )?(VQ|velk_|PRUV_header_t)|std::' exported
+  check_symbols "$library" --dynamic
+  run -1 grep '^_Z*N[VK]*6vqpack' symbols
   outside_project built
   check_examples built
   # The program does without it.

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "fuzz/fuzz.h"
 #include "support.h"
 
@@ -135,6 +137,73 @@ TEST(Reader, ScansLinesAsTheCLibraryDoes) {
   }
 }
 
+// Delivers some bytes, a few at a time and interrupted by signals; then the stream ends or fails.
+struct unsteady_input {
+  bytes data;
+  int last_error;  // 0: none
+  std::size_t taken = 0;
+  bool interrupted = false;
+
+  static ssize_t read(void* cookie, char* to, std::size_t size) {
+    auto& input = *static_cast<unsteady_input*>(cookie);
+    const std::size_t left = std::min({size, std::size_t(700), input.data.size() - input.taken});
+    input.interrupted = !input.interrupted;
+    errno = input.interrupted ? EINTR : input.last_error;
+    if (input.interrupted || (left == 0 && input.last_error)) return -1;
+    std::copy_n(input.data.begin() + ssize_t(input.taken), left, to);
+    input.taken += left;
+    return ssize_t(left);
+  }
+  file_ptr open() { return file_ptr(fopencookie(this, "r", {read, nullptr, nullptr, nullptr})); }
+};
+
+decoded read_unsteadily(const bytes& data, int last_error) {
+  decoded result;
+  unsteady_input input{data, last_error};
+  const file_ptr file = input.open();
+  result.error = error_of([&] {
+    velk_reader reader(file.get(), nullptr);
+    for (transaction t; reader.read(t.trans, t.addr, t.agent, t.count);)
+      result.transactions.push_back(t);
+  });
+  return result;
+}
+
+TEST(Reader, AFailedReadIsNotTheEnd) {
+  const trace first = {{4, 8, 1, 1}};
+  const struct {
+    const char* what;
+    std::string text;
+    decoded cut, whole;
+  } rows[] = {
+      {"in a number",
+       "MEMRD 8 1\nMEMRD 8 1 11006",
+       {first, "Can't read input, at record 2"},
+       {{first[0], {4, 8, 1, 11006}}, "no error"}},
+      {"after a line",
+       "MEMRD 8 1\n",
+       {first, "Can't read input, at record 2"},
+       {first, "no error"}},
+      {"at the start", "", {{}, "Can't read input"}, {{}, "no error"}},
+  };
+  for (const auto& row : rows) {
+    const bytes text(row.text.begin(), row.text.end());
+    EXPECT_TRUE(read_unsteadily(text, EIO) == row.cut) << row.what;
+    EXPECT_TRUE(read_unsteadily(text, 0) == row.whole) << row.what;
+  }
+  for (const coding c : all_codings) {
+    const trace transactions = random_trace(4, 400, c);
+    const bytes file = encode(transactions, c);
+    EXPECT_TRUE(read_unsteadily(file, 0) == (decoded{transactions, "no error"})) << c;
+    for (std::size_t size : {std::size_t(3), std::size_t(10), file.size() / 2, file.size()}) {
+      const bytes cut(file.begin(), file.begin() + ssize_t(size));
+      const decoded read = read_unsteadily(cut, EAGAIN);
+      EXPECT_TRUE(read.transactions == decode(cut).transactions) << c << ' ' << size;
+      EXPECT_TRUE(read.error.starts_with("Can't read input")) << c << ' ' << size << read.error;
+    }
+  }
+}
+
 TEST(Reader, CountsLinesInPieces) {
   std::string long_text;
   for (int i = 0; i < 3000; ++i) long_text += std::string(std::size_t(90 + i % 10), 'x') + '\n';
@@ -184,6 +253,7 @@ TEST(Reader, CountOfThePreambleNeedsNoRewind) {
   EXPECT_FALSE(reader.needs_rewind());
   EXPECT_LE(std::ftell(file.get()), 1024);
   EXPECT_EQ(reader.length(), transactions.size());
+  EXPECT_EQ(error_of([&] { reader.pruv_header(false); }), "PRUV header has already been taken");
 }
 
 }  // namespace
