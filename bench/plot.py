@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Draws what script/bench printed: size against speed both ways, a panel for each generated trace.
 
-    script/bench | tee /tmp/bench.md
-    bench/plot.py /tmp/bench.md >bench/comparison.svg
+    script/bench | tee bench.md
+    bench/plot.py bench.md >bench/comparison.svg
 
 The sample is left out: one short trace many times over shows who finds the repetition.
 """
@@ -26,6 +26,8 @@ TITLES = {
 }
 COLOURS = {
     "vqpack": "#d4380d",
+    "vqpack + zstd -3": "#e8590c",
+    "vqpack + bzip2": "#b8002e",
     "gzip -6": "#3a7d34",
     "bzip2": "#8a6d1b",
     "xz -6": "#7a4aa0",
@@ -56,17 +58,30 @@ def draw(axes, size, packs, unpacks, colour, scale=1):
     axes.plot(packs, size, "o", markersize=4 * scale, **style)
 
 
+def label_heights(sizes):
+    """Returns where labels for these sizes, in ascending order, do not overlap: upwards from the
+    lowest, then down again from the top of the panel."""
+    heights = []
+    for size in sizes:
+        heights.append(max([size] + [height + LABEL_HEIGHT for height in heights[-1:]]))
+    limit = SIZES[1] - LABEL_HEIGHT / 2
+    for i in reversed(range(len(heights))):
+        heights[i] = min(heights[i], limit)
+        limit = heights[i] - LABEL_HEIGHT
+    return heights
+
+
 def panel(axes, title, rows):
     axes.set_title(title, loc="left", fontsize=10, weight="bold")
     axes.set(xscale="log", xlim=SPEEDS, ylim=SIZES)
     axes.set_xticks([0.1, 1, 10], ["0.1", "1", "10"])
     axes.set_yticks([0, 2, 4, 6])
     axes.minorticks_off()
-    label_at = SIZES[0]
-    for name, (size, packs, unpacks) in sorted(rows.items(), key=lambda item: item[1]):
+    by_size = sorted(rows.items(), key=lambda item: item[1])
+    heights = label_heights([size for name, (size, packs, unpacks) in by_size])
+    for (name, (size, packs, unpacks)), label_at in zip(by_size, heights):
         ours = name == "vqpack"
         draw(axes, size, packs, unpacks, COLOURS[name], 1.4 if ours else 1)
-        label_at = max(size, label_at + LABEL_HEIGHT)
         axes.annotate(name, (max(packs, unpacks), size), (SPEEDS[1] * 1.1, label_at),
                       color=COLOURS[name], weight="bold" if ours else "normal", va="center",
                       arrowprops={"arrowstyle": "-", "color": COLOURS[name], "linewidth": 0.5,

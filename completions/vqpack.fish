@@ -10,7 +10,7 @@ complete -c vqpack -o v -x -d 'write QUBIX of this type' -a "
 complete -c vqpack -o c -d 'write coded records'
 complete -c vqpack -o nc -d 'write raw records'
 complete -c vqpack -o b -x -d 'leave out the first N transactions'
-complete -c vqpack -o e -x -d 'leave out all behind the first N transactions'
+complete -c vqpack -o e -x -d 'leave out all after the first N transactions'
 complete -c vqpack -o d -x -d 'code against addresses less than this far away'
 complete -c vqpack -o C -x -d 'keep at most this many contexts, 0 for no limit'
 complete -c vqpack -o ma -x -d 'set the address length'

@@ -3,11 +3,14 @@
 
     samples/make_sample.py COMMAND... >trace.velk
 
+The output of COMMAND is dropped. Ends with a status other than 0 if COMMAND does.
+
 Models one write-back cache of 16 KiB, 4 ways, 64-byte lines, least recently used out first. A load
 or store that misses reads the line (MEMRD64B, RDINV64B), an instruction that misses fetches it
 (CDRD64B), and a modified line that has to go is written back (LNWR64B) after the read.
 """
 import collections
+import os
 import subprocess
 import sys
 
@@ -33,11 +36,16 @@ def transactions(accesses):
 
 
 def lackey(command):
-    run = subprocess.Popen(["valgrind", "--tool=lackey", "--trace-mem=yes", *command],
-                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    for text in run.stderr:
-        if text[:2] in ("I ", " L", " S", " M"):
-            yield text[:2].strip(), int(text[3:].split(",")[0], 16)
+    reading, writing = os.pipe()  # of its own, so that what the command prints does not mix in
+    run = subprocess.Popen(["valgrind", "--tool=lackey", "--trace-mem=yes", f"--log-fd={writing}",
+                            *command], stdout=subprocess.DEVNULL, pass_fds=[writing])
+    os.close(writing)
+    with open(reading) as log:
+        for text in log:
+            if text[:2] in ("I ", " L", " S", " M"):
+                yield text[:2].strip(), int(text[3:].split(",")[0], 16)
+    if run.wait() != 0:
+        sys.exit(f"{command[0]}: status {run.returncode}")
 
 
 for name, address in transactions(lackey(sys.argv[1:])):
