@@ -140,7 +140,7 @@ check_symbols() {
   nm -P --defined-only --extern-only "$@" | sed -n '/:$/!s/ .*//p' >symbols
   grep -q '^_ZN6VQcomp6record' symbols
   scope='(N[VK]*)?(S[a-z]|[0-9]+(VQ|velk_|PRUV_header_t|vqpack|__gnu_cxx))'
-  run -1 grep -Ev "^(DW\.ref\.|_Z(nw|dl)|_Z+(T[A-Z]|GV)?$scope)" symbols
+  run -1 grep -Ev "^(velk_|DW\.ref\.|_Z(nw|dl)|_Z+(T[A-Z]|GV)?$scope)" symbols
 }
 
 @test "a program may have the names that the library uses inside" {
