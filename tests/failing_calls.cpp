@@ -31,7 +31,7 @@ Function* original(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-bool finds_no_memory() {
+[[maybe_unused]] bool finds_no_memory() {
   static int left = counted_by("FAILING_ALLOCATION");
   static const bool goes_on = std::getenv("ALL_ALLOCATIONS") != nullptr;
   if (left == 0 || (left != 1 && --left != 1)) return false;
@@ -56,6 +56,8 @@ extern "C" int fclose(FILE* stream) {
   return failed ? EOF : closed;
 }
 
+#ifndef SANITIZED  // a sanitizer has allocations of its own
+
 // What the C library calls them inside.
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -74,3 +76,5 @@ void* aligned_alloc(size_t alignment, size_t size) {
   return finds_no_memory() ? nullptr : __libc_memalign(alignment, size);
 }
 }
+
+#endif
