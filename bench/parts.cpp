@@ -1,5 +1,5 @@
 // The parts of the coder by themselves, in nanoseconds a transaction (the column "Time" divided by
-// the items of a run is what "items_per_second" tells).
+// the items of a run; "items_per_second" is its inverse).
 
 #include <benchmark/benchmark.h>
 

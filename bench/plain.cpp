@@ -1,4 +1,4 @@
-// The plain forms of the coder, as a rival to measure against: sscanf and fprintf a line, a
+// The plain forms of the coder, to measure against: sscanf and fprintf a line, a
 // checksum byte after byte, a list of contexts that is walked. Converts text to file type 1 and
 // back, good input only: plain INFILE OUTFILE.
 
@@ -140,11 +140,11 @@ class encoder {
 
 void encode(FILE* in, FILE* out) {
   encoder coder(out);
-  char line[100], name[20], behind;
+  char line[100], name[20], next;
   unsigned long long addr;
   unsigned agent, count;
   while (std::fgets(line, sizeof line, in) &&
-         std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &count, &behind) >= 3)
+         std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &count, &next) >= 3)
     coder.record(velk_trans_str2num_type1(name), static_cast<long long>(addr), int(agent));
   coder.finish();
 }

@@ -19,7 +19,7 @@ inline unsigned long long load_le(const unsigned char* from) {
 }
 
 // Writes the low `Bytes` bytes (1 to 8) of `value` at `to`, least significant first.
-// Returns the position just behind them.
+// Returns the position just after them.
 template <int Bytes>
 inline unsigned char* store_le(unsigned char* to, unsigned long long value) {
   if constexpr (std::endian::native == std::endian::little)

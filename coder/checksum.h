@@ -15,17 +15,17 @@
 
 namespace vqpack::detail {
 
-// The remainder of `remainder` with `bits` bits behind it.
+// The remainder of `remainder` followed by `bits` zero bits.
 constexpr std::uint32_t checksum_shift(std::uint32_t remainder, int bits) {
   for (; bits > 0; --bits) remainder = remainder << 1 ^ (remainder >> 31 ? 0x04C11DB7u : 0u);
   return remainder;
 }
 
-// checksum_tables[k][b] is the remainder of the byte b with k bytes behind it. The step by bytes
+// checksum_tables[k][b] is the remainder of the byte b followed by k zero bytes. The step by bytes
 // needs k = 4 alone: what the byte at the top of the register leaves when the next one comes in.
-inline constexpr int longest_folded = 15;  // bytes, of a transaction
+inline constexpr int max_folded = 15;  // bytes, of a transaction
 inline constexpr auto checksum_tables = [] {
-  std::array<std::array<std::uint32_t, 256>, longest_folded + 4> tables{};
+  std::array<std::array<std::uint32_t, 256>, max_folded + 4> tables{};
   for (std::uint32_t byte = 0; byte < 256; ++byte) {
     std::uint32_t remainder = byte;
     for (auto& table : tables) {
@@ -103,7 +103,7 @@ class checksum {
       sum ^= tables[last][t.trans];
       sum ^= tables[last - 1][agent & 0xFF];
       if (WideAgents) sum ^= tables[last - 2][agent >> 8 & 0xFF];
-      constexpr std::size_t first = Counted ? 11 : 7;  // bytes behind the first of the address
+      constexpr std::size_t first = Counted ? 11 : 7;  // bytes after the first of the address
       for (std::size_t byte = 0; first - byte >= 4; ++byte)
         sum ^= tables[first - byte][addr >> 8 * byte & 0xFF];
       value = sum;
@@ -138,7 +138,8 @@ class checksum {
                 checksum_tables[8 + byte][high >> 8 * byte & 0xFF];
   }
 
-  // A polynomial with the same remainder as `sum` with `Bits` bits behind it; of less than 96 bits.
+  // A polynomial of less than 96 bits with the same remainder as `sum` followed by `Bits` zero
+  // bits.
   template <int Bits>
   [[gnu::target("pclmul")]] static __m128i moved_up(__m128i sum) {
     constexpr std::uint32_t low = checksum_shift(1, Bits), high = checksum_shift(1, Bits + 64);

@@ -1,9 +1,11 @@
-// The compressor's contexts in most-recently-used order.
+// The compressor's contexts in most-recently-used order, found by address. The decompressor's
+// inslist, which finds them by position, keeps the same order.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -45,6 +47,7 @@ class context_list {
   // before the move. When none matches, puts `wanted` at the front, drops the last context if there
   // are too many, and returns -1.
   [[gnu::always_inline]] inline int touch(const VQcontext& wanted, long long& prev) {
+    assert(wanted.addr >= 0 && wanted.addr <= max_addr && unsigned(wanted.agent) <= 0xFFFF);
     const std::uint32_t key = key_of(wanted);
     if (matches(entries_[front_], key, wanted.addr)) {
       prev = entries_[front_].addr;
@@ -67,11 +70,11 @@ class context_list {
   // Prepares touch() for the contexts that wanted(0) to wanted(size - 1) return. Changes nothing.
   //
   // In a list that has outgrown the caches, touch() waits for memory three times, each time for a
-  // place that the one before has told. Here all of them are fetched side by side: with a million
-  // contexts a transaction takes a third of the time.
+  // place that it learns from the one before. Here all of them are fetched side by side: with a
+  // million contexts a transaction takes a third of the time.
   template <class Wanted>
   void prepare(std::size_t size, Wanted wanted) const {
-    if (order_.size() < fewest_to_prepare) return;
+    if (order_.size() < min_prepared_size) return;
     for (std::size_t i = 0; i < size; ++i)
       for (const std::uint32_t chain : chains_for(wanted(i))) prefetch(&chains_[chain]);
     for (std::size_t i = 0; i < size; ++i)
@@ -81,7 +84,8 @@ class context_list {
   }
 
  private:
-  static constexpr unsigned fewest_to_prepare = 1 << 15;
+  static constexpr long long max_addr = 1LL << 61;
+  static constexpr unsigned min_prepared_size = 1 << 15;
   static constexpr std::uint32_t none = 0;  // the entry that ends every chain
   static constexpr std::uint32_t no_key = ~0u;
   static constexpr std::uint64_t next_region = 0x9E3779B97F4A7C15;  // odd, its bits well mixed

@@ -1,4 +1,5 @@
-// The decompressor's contexts in most-recently-used order.
+// The decompressor's contexts in most-recently-used order, found by position. The compressor's
+// context_list, which finds them by address, keeps the same order.
 #pragma once
 
 #include <utility>
@@ -33,7 +34,7 @@ class inslist {
     const unsigned id = free_.back();
     free_.pop_back();
     elements_[id] = element;
-    if (front_.size() < front_order::most)
+    if (front_.size() < front_order::max_size)
       front_ids_[front_.add()] = id;
     else
       older_.push(std::exchange(last_of_front(), id), [](unsigned, unsigned) {});
@@ -44,15 +45,15 @@ class inslist {
   // Throws a bool, true, when the list holds no such element.
   [[gnu::always_inline]] inline T* lookup(unsigned index) {
     if (index >= size() || index > max_index) throw true;
-    if (index < front_order::most) return &elements_[front_ids_[front_.move_to_front(index)]];
+    if (index < front_order::max_size) return &elements_[front_ids_[front_.move_to_front(index)]];
     unsigned& place = last_of_front();
-    place = older_.exchange(index - front_order::most, place);
+    place = older_.exchange(index - front_order::max_size, place);
     return &elements_[place];
   }
 
  private:
   // Moves the last place of the front to its head, where another id may come into it.
-  unsigned& last_of_front() { return front_ids_[front_.move_to_front(front_order::most - 1)]; }
+  unsigned& last_of_front() { return front_ids_[front_.move_to_front(front_order::max_size - 1)]; }
 
   void drop_block() {
     for (unsigned i = 0; i < block_elements; ++i) {
@@ -63,7 +64,7 @@ class inslist {
   }
 
   front_order front_;
-  unsigned front_ids_[front_order::most];
+  unsigned front_ids_[front_order::max_size];
   recency_log older_;
   std::vector<T> elements_;     // by id
   std::vector<unsigned> free_;  // ids

@@ -19,8 +19,8 @@
 
 namespace vqpack::detail {
 
-// The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline where counts
-// are told. Here the names are laid out once, and the digits of an address are made side by side.
+// The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline for counts.
+// Here the names are laid out once, and the digits of an address are made side by side.
 class line_format {
  public:
   line_format(const char* const* names, int name_count, bool with_counts)
@@ -30,14 +30,14 @@ class line_format {
       text = std::string(names[i]) + ' ';
       if (text.size() < name_width) text.insert(0, name_width - text.size(), ' ');
       text.copy(fields_[i].start, name_copy);
-      longest_name_ = std::max(longest_name_, text.size());
+      max_name_ = std::max(max_name_, text.size());
     }
   }
 
   // The most bytes that put() touches.
-  std::size_t longest_line() const { return longest_name_ + rest_of_line; }
+  std::size_t longest_line() const { return max_name_ + rest_of_line; }
 
-  // Writes the line at `to` and returns the position behind it. The code must have a name.
+  // Writes the line at `to` and returns the position after it. The code must have a name.
   char* put(char* to, const VQtransaction& t) const {
     const name_field& name = fields_[t.trans];
     const std::size_t size = name.whole.size();
@@ -48,20 +48,20 @@ class line_format {
     to = put_agent(to, unsigned(t.agent));
     if (with_counts_) {
       *to++ = ' ';
-      to = std::to_chars(to, to + longest_number, t.count).ptr;
+      to = std::to_chars(to, to + max_number_digits, t.count).ptr;
     }
     *to++ = '\n';
     return to;
   }
 
  private:
-  static constexpr std::size_t name_width = 10 + 1;  // with the blank behind it
+  static constexpr std::size_t name_width = 10 + 1;  // with the blank after it
   static constexpr std::size_t name_copy = 16;       // nearly all names in one go
-  static constexpr int fewest_digits = 8;
-  static constexpr int most_digits = 16;
-  static constexpr int longest_number = 10;
+  static constexpr int min_addr_digits = 8;
+  static constexpr int max_addr_digits = 16;
+  static constexpr int max_number_digits = 10;
   static constexpr std::size_t rest_of_line =
-      most_digits + 1 + longest_number + 1 + longest_number + 1;
+      max_addr_digits + 1 + max_number_digits + 1 + max_number_digits + 1;
 
   struct name_field {
     char start[name_copy] = {};  // of `whole`, whose size may be less or more
@@ -103,10 +103,10 @@ class line_format {
 
 #endif
 
-  // Sixteen digits are made always: how many digits there are is hard to foretell.
+  // Always makes sixteen digits: the number of digits is unpredictable.
   static char* put_address(char* to, std::uint64_t addr) {
-    const int digits = std::max(fewest_digits, (int(std::bit_width(addr)) + 3) / 4);
-    put_digits(to, addr << 4 * (most_digits - digits));
+    const int digits = std::max(min_addr_digits, (int(std::bit_width(addr)) + 3) / 4);
+    put_digits(to, addr << 4 * (max_addr_digits - digits));
     return to + digits;
   }
 
@@ -115,12 +115,12 @@ class line_format {
       *to++ = static_cast<char>('0' + agent);
       return to;
     }
-    return std::to_chars(to, to + longest_number, agent, 16).ptr;
+    return std::to_chars(to, to + max_number_digits, agent, 16).ptr;
   }
 
   std::vector<name_field> fields_;  // by code
   bool with_counts_;
-  std::size_t longest_name_ = name_copy;
+  std::size_t max_name_ = name_copy;
 };
 
 }  // namespace vqpack::detail

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,18 +20,19 @@
 namespace vqpack::detail {
 
 // The plain form of a line scan is sscanf with "%19s%llx%x %u%c" and the name parser. It takes
-// hundreds of nanoseconds a line, and all of its corners (signs, prefixes, tabs, numbers that run
-// over, fields that run into each other) are legal. Here a line is taken only if it ends within 64
-// bytes and consists of fields that are separated by blanks: a name of the table, an address of at
-// most 16 hexadecimal digits, an agent of at most 8 and possibly a count of at most 8 decimal ones.
-// Whatever follows behind a blank is ignored, as in the plain form, which takes all other lines.
+// hundreds of nanoseconds a line, and all of its edge cases (signs, prefixes, tabs, numbers that
+// overflow, fields that run into each other) are legal. Here a line is taken only if it ends within
+// 64 bytes and consists of fields that are separated by blanks: a name of the table, an address of
+// at most 16 hexadecimal digits, an agent of at most 8 and possibly a count of at most 8 decimal
+// ones. Whatever follows after a blank is ignored, as in the plain form, which takes all other
+// lines.
 namespace line_scan {
 
 // Bytes that must be readable from the start of a line on and before it, whatever they are.
 constexpr std::size_t readable_after = 64;
 constexpr std::size_t readable_before = 16;
 
-// Bit i tells of byte i: it is a blank, it is a newline.
+// Bit i stands for byte i: whether it is a blank, and whether it is a newline.
 struct byte_marks {
   std::uint64_t blanks;
   std::uint64_t newlines;
@@ -98,6 +100,7 @@ inline __m128i last_bytes(std::ptrdiff_t count) {
 }
 
 inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
+  assert(from < end && end - from <= 16);
   const auto up_to = [](__m128i bytes, char last) {
     return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(last)), bytes);
   };
@@ -123,6 +126,7 @@ inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
 #else
 
 inline bool scan_hex(const char* from, const char* end, std::uint64_t& value) {
+  assert(from < end && end - from <= 16);
   value = 0;
   unsigned seen = 0;
   for (; from != end; ++from) {
@@ -151,6 +155,7 @@ inline bool scan_agent(const char* from, const char* end, int& agent) {
 // is added up by pairs, fours and eights.
 inline bool scan_count(const char* from, const char* end, unsigned& count) {
   const auto length = end - from;
+  assert(length > 0);
   if (length > 8) return false;
   std::uint64_t digits = load_le<8>(reinterpret_cast<const unsigned char*>(end - 8));
   digits = (digits ^ 0x3030303030303030) & ~std::uint64_t{0} << (64 - 8 * length);
@@ -242,7 +247,7 @@ inline constexpr name_table names;
   }
   const auto line_end = unsigned(std::countr_zero(marks.newlines));
 
-  // Where fields begin and end: bits of `edges` in turn.
+  // Where fields begin and end: the bits of `edges`, one after another.
   const std::uint64_t text = ~marks.blanks & ((std::uint64_t{1} << line_end) - 1);
   std::uint64_t edges = text ^ text << 1;
   const auto next_edge = [&edges] {
@@ -272,7 +277,7 @@ inline constexpr name_table names;
 }
 
 // Takes lines from `at` on, up to `size`, as long as they are of the usual shape and start before
-// `end`. Moves `at` behind them and returns how many they are.
+// `end`. Moves `at` past them and returns how many they are.
 VQPACK_CLONES inline std::size_t scan_usual_lines(const char*& at, const char* end,
                                                   VQtransaction* to, std::size_t size) {
   const char* line = at;

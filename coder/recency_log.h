@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -18,7 +19,7 @@ namespace vqpack::detail {
 // The plain form is an array in that order, in which a use of the id at position k moves k others
 // down. Here no id ever moves: each use takes a new slot in a log, the next below all slots taken
 // before, and the slot of the use before dies. So the position of an id is the number of living
-// slots between the newest slot and its own. A bitmap tells which slots are dead. So that the
+// slots between the newest slot and its own. A bitmap marks the dead slots. So that the
 // others need not be counted anew, each word of the bitmap keeps the number of living slots before
 // it in its row of eight words, each row the number of those before it among eight rows, and so on
 // (free slots, those below the newest, count as living): a death takes one from some neighbouring
@@ -57,6 +58,7 @@ class recency_log {
 
   // The slot of the oldest id.
   unsigned back() {
+    assert(size_ > 0);
     while (~dead_[back_word_] == 0) --back_word_;
     return unsigned(back_word_ * word_slots) + unsigned(std::bit_width(~dead_[back_word_])) - 1;
   }
@@ -87,6 +89,7 @@ class recency_log {
   // Takes the id at a 0-based position below size() out of the log and makes `newest`, which must
   // not be in it, its newest.
   std::uint32_t exchange(unsigned position, std::uint32_t newest) {
+    assert(position < size_);
     unsigned living = head_ + position;  // to be passed over, the free slots first
     std::size_t i = 0;
     for (std::size_t n = before_.size(); n-- > 0;) {
@@ -108,8 +111,8 @@ class recency_log {
  private:
   static constexpr unsigned word_slots = 64;
   static constexpr unsigned fanout = 8;
-  static constexpr unsigned most_ids = 1 << 29;  // so that their slots can be counted
-  static constexpr unsigned fewest_slots = fanout * fanout * word_slots;
+  static constexpr unsigned max_ids = 1 << 29;  // so that their slots can be counted
+  static constexpr unsigned min_slots = fanout * fanout * word_slots;
 
   // One number for each of eight elements.
   using eight [[gnu::vector_size(fanout * sizeof(unsigned))]] = unsigned;
@@ -122,7 +125,7 @@ class recency_log {
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
-  // steps[place][i] is 1 for the i behind `place`, else 0.
+  // steps[place][i] is 1 for each i above `place`, else 0.
   alignas(row) static constexpr eight steps[fanout] = {
       {0, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 1, 1, 1, 1, 1},
       {0, 0, 0, 0, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 1, 1},
@@ -131,6 +134,7 @@ class recency_log {
   // Lets `slot` die; returns the number of living ones below it.
   unsigned kill(unsigned slot) {
     std::size_t i = slot / word_slots;
+    assert(slot >= head_ && slot < id_at_.size() && !(dead_[i] & bit(slot)));
     unsigned living = count_bits(~dead_[i] & (bit(slot) - 1));
     dead_[i] |= bit(slot);
     for (level& before : before_) {
@@ -172,6 +176,7 @@ class recency_log {
   static unsigned select_bit(std::uint64_t word, unsigned k) {
     constexpr std::uint64_t tops = 0x80 * each_byte;
     const std::uint64_t counted = byte_sums(word);
+    assert(k < counted >> 56);
     const std::uint64_t above = ((counted | tops) - (k + 1) * each_byte) & tops;
     const unsigned byte = unsigned(std::countr_zero(above)) & ~7u;  // as a bit number
     k -= unsigned(counted << 8 >> byte) & 0xFF;
@@ -191,9 +196,9 @@ class recency_log {
   // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
   void make_room(Moved moved) {
-    if (size_ >= most_ids) throw std::bad_alloc();
+    if (size_ >= max_ids) throw std::bad_alloc();
     const unsigned slots =
-        std::max({fewest_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
+        std::max({min_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
     id_at_.resize(slots);
     unsigned slot = slots;
     from_oldest([&](std::uint32_t id) {
@@ -220,7 +225,7 @@ class recency_log {
 
   unsigned size_ = 0;
   unsigned head_ = 0;                 // slot of the newest; those below are free
-  std::size_t back_word_ = 0;         // all slots in the words behind it are dead
+  std::size_t back_word_ = 0;         // all slots in the words above it are dead
   std::vector<std::uint64_t> dead_;   // a bit for each slot
   std::vector<level> before_;         // by level: words first
   std::vector<std::uint32_t> id_at_;  // by slot

@@ -21,9 +21,9 @@ constexpr bool is_short_signed(long long value) {
   return is_short(static_cast<unsigned long long>(value) + (1 << (2 * stop_bit_group - 1)));
 }
 
-// Writes the lower 14 bits of a number in two bytes or, of 7 bits, in one. Which lengths follow
-// each other is hard to foretell: so two bytes are written in any case, without a branch, and the
-// second may have to be written over.
+// Writes the lower 14 bits of a number in two bytes or, of 7 bits, in one. The next
+// length is unpredictable: so two bytes are written in any case, without a branch, and the caller
+// may have to overwrite the second.
 inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool two_bytes) {
   const unsigned upper_group = value & ~0x7Fu;
   const unsigned mark = stop_bit + (0x7F80 & -unsigned(two_bytes));  // on the first or the second
@@ -31,7 +31,7 @@ inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool
   return to + 1 + two_bytes;
 }
 
-// Writes `value` at `to` and returns the position behind it. May write one byte more.
+// Writes `value` at `to` and returns the position after it. May write one byte more.
 inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) {
   if (is_short(value)) return put_short_stop_bit(to, unsigned(value), value > 0x7F);
   for (; value > 0x7F; value >>= stop_bit_group) *to++ = static_cast<unsigned char>(value & 0x7F);
@@ -49,10 +49,11 @@ inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
   return to;
 }
 
-// Reads a number of any length at `from` and moves `from` behind it; `bits` receives the number of
-// bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller sees to it
-// that a byte with the stop bit set follows within the allocation, and one more byte. Numbers of
-// one and of two bytes take the same way, without a branch, as in put_short_stop_bit().
+// Reads a number of any length at `from` and moves `from` past it; `bits` receives the number of
+// bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller
+// ensures that a byte with the stop bit set follows within the allocation, and one more byte.
+// Numbers of one and of two bytes take the same path, without a branch, as in
+// put_short_stop_bit().
 template <class Unsigned>
 Unsigned get_stop_bit(const unsigned char*& from, int& bits) {
   static_assert(std::is_unsigned_v<Unsigned>);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +19,7 @@ class text_source {
  public:
   explicit text_source(FILE* file) : file_(file) {}
 
-  // Bytes from at() on that are always there to be read; behind the end of the text they are 0.
+  // Bytes from at() on that can always be read; after the end of the text they are 0.
   static constexpr std::size_t readable = 128;
   // Bytes before at() that can be read, whatever they are.
   static constexpr std::size_t readable_before = 16;
@@ -41,6 +42,7 @@ class text_source {
   // The piece at at(), of at most `longest` bytes (up to `readable`); empty at the end of the text.
   // It stays good until the next look_ahead() or piece().
   std::string_view piece(std::size_t longest) {
+    assert(longest <= readable);
     if (!look_ahead()) return {};
     const std::size_t most = std::min(longest, ahead());
     const void* const newline = std::memchr(at_, '\n', most);

@@ -1,7 +1,6 @@
 // VQuncomp: a QUBIX file to transactions. The preamble, the path of the bytes from chunk to buffer,
 // the record readers, and the checks at the end of the stream.
 #include <algorithm>
-#include <cassert>
 #include <cstring>
 #include <memory>
 
