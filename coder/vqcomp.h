@@ -155,7 +155,7 @@ std::basic_ostream<Char, Traits>& operator<<(std::basic_ostream<Char, Traits>& o
 
 // VQcomp: transactions to a QUBIX file
 
-// What the start of a file says of its transactions in the end.
+// What the start of a finished file says of its transactions.
 enum class VQtotals {
   in_place,                // the true count and, in types 2 to 5, the true address length
   count_at_end,            // types 0 and 1: the count follows the checksum, as readers expect
@@ -229,10 +229,10 @@ class VQCOMP_EXPORT VQcomp {
   void record(velk_trans_class trans, long long addr, int agent, unsigned count);
 
   // Records several, of which it cuts the addresses of deferred replies as the file does. Stops
-  // behind the one that makes a block full, and before one that record() refuses unless that is the
+  // after the one that makes a block full, and before one that record() refuses unless that is the
   // very first, which is refused the same way. Returns the number recorded, at least 1 if `size`
-  // is. Throws as the other record() does, except for VQcomp_block: ready() tells of the block,
-  // which must be out of the buffer before the next call.
+  // is. Throws as the other record() does, except for VQcomp_block: ready() gives its size, and it
+  // must be out of the buffer before the next call.
   std::size_t record(VQtransaction* transactions, std::size_t size);
 
   // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
@@ -284,7 +284,7 @@ class VQCOMP_EXPORT VQcomp {
 // VQcomp_block, it hands over the next chunk with put() and calls again; VQcomp_done is the end of
 // a good file. After a VQcomp_error the object may only be destroyed. What it delivers does not
 // depend on how the file is cut into chunks; the byte position of "QUBIX file ends prematurely"
-// behind an end marker, which is that of the buffer's first byte, is the one thing that does.
+// after an end marker, which is that of the buffer's first byte, is the one thing that does.
 class VQCOMP_EXPORT VQuncomp {
  public:
   using typeaddr = long long;
@@ -304,9 +304,9 @@ class VQCOMP_EXPORT VQuncomp {
   // Delivers the next transaction. Throws VQcomp_block, VQcomp_done, or VQcomp_error with the
   // 1-based number of the transaction and a byte offset. Inside a record, with its offset:
   // "Transaction number out of range", "Context number too high" and, above 16 MiB, which only
-  // numbers with useless bytes can make, "Record too long". Behind the end marker, with the offset
+  // numbers with useless bytes can make, "Record too long". After the end marker, with the offset
   // of what was not consumed: "QUBIX file ends prematurely", "Bad checksum" (also where an agent
-  // was above 65535, as only damage can make it: the checksum covers 16 bits), "Bad transaction
+  // was above 65535, which only damage can do: the checksum covers 16 bits), "Bad transaction
   // count", "Extra data follows good checksum -- file is bad?". Where the file ends without an end
   // marker, with its size: "Input ends early".
   void read(velk_trans_class& trans, typeaddr& addr, int& agent, unsigned& count);
@@ -316,27 +316,27 @@ class VQCOMP_EXPORT VQuncomp {
   // that does, once all transactions before have been delivered.
   std::size_t read(VQtransaction* transactions, std::size_t size);
 
-  // The count of transactions that the preamble tells, -1 when it stands in the trailer. Throws
+  // The count of transactions in the preamble, -1 when it stands in the trailer. Throws
   // VQcomp_block while preamble bytes are missing.
   long long known_length() const;
 
-  // The file's header, a made one for types 0 and 1, which then belongs to the caller: a second
-  // call returns null. Throws VQcomp_block while preamble bytes are missing.
+  // The file's header, for types 0 and 1 one made from the preamble. It then belongs to the caller:
+  // a second call returns null. Throws VQcomp_block while preamble bytes are missing.
   PRUV_header_t* read_pruv_header();
 
   // Throws VQcomp_error "Some input left in uncompressor" when bytes taken from the chunks have not
   // been decoded.
   void check() const;
 
-  // Decodes the header whose size field says `length` and whose bytes follow at `bytes`. `version`
+  // Decodes the header whose size field holds `length` and whose bytes follow at `bytes`. `version`
   // is the file type, 2 to 5; `offset`, the file position of `bytes`, serves the positions in
   // errors. Returns a new record that the caller owns. Throws VQcomp_error.
   static PRUV_header_t* pruv_header_bytes_to_struct(const unsigned char* bytes, int length,
                                                     int version, int offset);
 
-  // Decode one counted list at `p`, move `p` behind it and lower `left`, the header bytes that
+  // Decode one counted list at `p`, move `p` past it and lower `left`, the header bytes that
   // remain. Return an array for the caller to own, null when the list is empty; `count` receives
-  // its length. Throw VQcomp_error, without positions, when the list runs beyond `left`.
+  // its length. Throw VQcomp_error, without positions, when the list does not fit into `left`.
   static short* unpack_shorts(const unsigned char*& p, int& left, int& count);
   static char** unpack_strings(const unsigned char*& p, int& left, int& count);
 
