@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
   const maker make = kind->second;
   const line_format format(VQcomp::FSB_transactions, int(std::size(VQcomp::FSB_transactions)),
                            kind->first == "counted");
-  std::vector<char> text(format.longest_line());
+  std::vector<char> text(format.max_line());
   for (long long i = 0; i < lines; ++i) {
     const char* const end = format.put(text.data(), make(i));
     std::fwrite(text.data(), 1, std::size_t(end - text.data()), stdout);

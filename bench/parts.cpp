@@ -34,7 +34,7 @@ std::vector<VQtransaction> make_trace(std::size_t places, std::size_t size = blo
 std::string to_text(const std::vector<VQtransaction>& trace) {
   const line_format format(VQcomp::FSB_transactions, 68, false);
   std::string text(line_scan::readable_before, ' ');
-  std::vector<char> line(format.longest_line());
+  std::vector<char> line(format.max_line());
   for (const VQtransaction& t : trace) text.append(line.data(), format.put(line.data(), t));
   return text;
 }
@@ -74,7 +74,7 @@ BENCHMARK(scan);
 void format(benchmark::State& state) {
   const std::vector<VQtransaction> trace = make_trace(1000);
   const line_format lines(VQcomp::FSB_transactions, 68, false);
-  std::vector<char> text(block * lines.longest_line());
+  std::vector<char> text(block * lines.max_line());
   for (auto _ : state) {
     char* to = text.data();
     for (const VQtransaction& t : trace) to = lines.put(to, t);

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <cassert>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -21,42 +23,44 @@ namespace vqpack::detail {
 
 // The plain form is fprintf with "%10s %08llX %x\n", or with " %u" before the newline for counts.
 // Here the names are laid out once, and the digits of an address are made side by side.
+// The next line's lengths are unpredictable, so what is usual takes no branch: every part is
+// written at its full width, and the position moves by what it has.
 class line_format {
  public:
   line_format(const char* const* names, int name_count, bool with_counts)
-      : fields_(std::size_t(name_count)), with_counts_(with_counts) {
-    for (std::size_t i = 0; i < fields_.size(); ++i) {
-      std::string& text = fields_[i].whole;
-      text = std::string(names[i]) + ' ';
-      if (text.size() < name_width) text.insert(0, name_width - text.size(), ' ');
-      text.copy(fields_[i].start, name_copy);
-      max_name_ = std::max(max_name_, text.size());
+      : with_counts_(with_counts) {
+    for (int i = 0; i < name_count; ++i) add_name(names[i]);
+    for (unsigned agent = 0; agent < agents_.size(); ++agent) {
+      [[maybe_unused]] char* const end = put_long_agent(agents_[agent].data(), agent);
+      assert(end - agents_[agent].data() == agent_bytes(agent));
     }
   }
 
   // The most bytes that put() touches.
-  std::size_t longest_line() const { return max_name_ + rest_of_line; }
+  std::size_t max_line() const { return max_name_ + rest_of_line; }
 
   // Writes the line at `to` and returns the position after it. The code must have a name.
   char* put(char* to, const VQtransaction& t) const {
-    const name_field& name = fields_[t.trans];
-    const std::size_t size = name.whole.size();
-    std::memcpy(to, name.start, name_copy);
-    if (size > name_copy) name.whole.copy(to, size);
-    to = put_address(to + size, static_cast<std::uint64_t>(t.addr));
-    *to++ = ' ';
-    to = put_agent(to, unsigned(t.agent));
-    if (with_counts_) {
-      *to++ = ' ';
-      to = std::to_chars(to, to + max_number_digits, t.count).ptr;
+    const name_field& name = names_[t.trans];
+    std::memcpy(to, name.start, sizeof name.start);
+    if (name.size > sizeof name.start) [[unlikely]]
+      long_names_[t.trans].copy(to, name.size);
+    to = put_address(to + name.size, static_cast<std::uint64_t>(t.addr));
+    const auto agent = unsigned(t.agent);
+    if (agent < agents_.size()) {
+      std::memcpy(to, agents_[agent].data(), sizeof agents_[agent]);
+      to += agent_bytes(agent);
+    } else {
+      to = put_long_agent(to, agent);
     }
+    if (!with_counts_) return to;
+    to = std::to_chars(to, to + max_number_digits, t.count).ptr;
     *to++ = '\n';
     return to;
   }
 
  private:
   static constexpr std::size_t name_width = 10 + 1;  // with the blank after it
-  static constexpr std::size_t name_copy = 16;       // nearly all names in one go
   static constexpr int min_addr_digits = 8;
   static constexpr int max_addr_digits = 16;
   static constexpr int max_number_digits = 10;
@@ -64,9 +68,28 @@ class line_format {
       max_addr_digits + 1 + max_number_digits + 1 + max_number_digits + 1;
 
   struct name_field {
-    char start[name_copy] = {};  // of `whole`, whose size may be less or more
-    std::string whole;
+    char start[16] = {};  // all of it, but for few names
+    std::size_t size;
   };
+  // A blank, the digits, and what follows them, a newline or a blank.
+  using agent_field = std::array<char, 4>;
+
+  void add_name(const char* name) {
+    std::string& text = long_names_.emplace_back(std::string(name) + ' ');
+    if (text.size() < name_width) text.insert(0, name_width - text.size(), ' ');
+    names_.push_back({.size = text.size()});
+    text.copy(names_.back().start, sizeof names_.back().start);
+    max_name_ = std::max(max_name_, text.size());
+  }
+
+  static constexpr int agent_bytes(unsigned agent) { return 3 + (agent > 0xF); }
+
+  char* put_long_agent(char* to, unsigned agent) const {
+    *to++ = ' ';
+    to = std::to_chars(to, to + max_number_digits, agent, 16).ptr;
+    *to++ = with_counts_ ? ' ' : '\n';
+    return to;
+  }
 
 #ifdef VQPACK_X86
 
@@ -103,24 +126,18 @@ class line_format {
 
 #endif
 
-  // Always makes sixteen digits: the number of digits is unpredictable.
   static char* put_address(char* to, std::uint64_t addr) {
-    const int digits = std::max(min_addr_digits, (int(std::bit_width(addr)) + 3) / 4);
+    constexpr std::uint64_t fewest = std::uint64_t{1} << 4 * (min_addr_digits - 1);
+    const int digits = (int(std::bit_width(addr | fewest)) + 3) / 4;
     put_digits(to, addr << 4 * (max_addr_digits - digits));
     return to + digits;
   }
 
-  static char* put_agent(char* to, unsigned agent) {
-    if (agent < 10) {
-      *to++ = static_cast<char>('0' + agent);
-      return to;
-    }
-    return std::to_chars(to, to + max_number_digits, agent, 16).ptr;
-  }
-
-  std::vector<name_field> fields_;  // by code
   bool with_counts_;
-  std::size_t max_name_ = name_copy;
+  std::vector<name_field> names_;        // by code
+  std::vector<std::string> long_names_;  // the same, whole
+  std::size_t max_name_ = sizeof(name_field::start);
+  std::array<agent_field, 256> agents_;
 };
 
 }  // namespace vqpack::detail

@@ -570,12 +570,12 @@ class text_output {
   text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
       : out_(out),
         format_(header.trans_names, header.trans_name_count, with_counts),
-        lines_(std::max(block, 2 * format_.longest_line())) {
+        lines_(std::max(block, 2 * format_.max_line())) {
     std::setvbuf(out_, nullptr, _IONBF, 0);  // the lines are gathered here
   }
 
   void put(const VQtransaction& t) {
-    if (lines_.size() - used_ < format_.longest_line() && !flush()) fail_to_write();
+    if (lines_.size() - used_ < format_.max_line() && !flush()) fail_to_write();
     used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
   }
 

@@ -39,7 +39,7 @@ transaction next_transaction(fuzz_input& input, const transaction& before, codin
 bytes print(const trace& transactions, coding c) {
   const line_format format(VQcomp::FSB_transactions, int(std::size(VQcomp::FSB_transactions)),
                            c.four_field());
-  std::vector<char> line(format.longest_line());
+  std::vector<char> line(format.max_line());
   bytes text;
   for (const transaction& t : transactions) {
     char* const end = format.put(line.data(), {t.addr, t.agent, t.count, t.trans});

@@ -27,7 +27,7 @@ TEST(LineFormat, PrintsWhatPrintfPrints) {
       const char* const layout = with_counts ? "%10s %08llX %x %u\n" : "%10s %08llX %x\n";
       std::snprintf(wanted, sizeof wanted, layout, names[t.trans],
                     static_cast<unsigned long long>(t.addr), unsigned(t.agent), t.count);
-      std::vector<char> line(format.longest_line());  // as small as it may be
+      std::vector<char> line(format.max_line());  // as small as it may be
       line.resize(std::size_t(format.put(line.data(), t) - line.data()));
       ASSERT_EQ(std::string(line.begin(), line.end()), wanted);
     }
