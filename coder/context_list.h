@@ -168,9 +168,8 @@ class context_list {
       front_ = std::uint32_t(entries_.size());
       entries_.emplace_back();
     } else {
-      front_ = order_.id(order_.back());
+      front_ = order_.pop_back();
       unlink(front_);
-      order_.erase(entries_[front_].slot);
     }
     entries_[front_].addr = addr;
     entries_[front_].key = key;

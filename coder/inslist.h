@@ -56,11 +56,7 @@ class inslist {
   unsigned& last_of_front() { return front_ids_[front_.move_to_front(front_order::max_size - 1)]; }
 
   void drop_block() {
-    for (unsigned i = 0; i < block_elements; ++i) {
-      const unsigned slot = older_.back();
-      free_.push_back(older_.id(slot));
-      older_.erase(slot);
-    }
+    for (unsigned i = 0; i < block_elements; ++i) free_.push_back(older_.pop_back());
   }
 
   front_order front_;

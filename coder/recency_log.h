@@ -10,7 +10,13 @@
 #include <new>
 #include <vector>
 
+#include "bits.h"
 #include "prefetch.h"
+#include "processor.h"
+
+#ifdef VQPACK_X86
+#include <emmintrin.h>
+#endif
 
 namespace vqpack::detail {
 
@@ -19,12 +25,13 @@ namespace vqpack::detail {
 // The plain form is an array in that order, in which a use of the id at position k moves k others
 // down. Here no id ever moves: each use takes a new slot in a log, the next below all slots taken
 // before, and the slot of the use before dies. So the position of an id is the number of living
-// slots between the newest slot and its own. A bitmap marks the dead slots. So that the
-// others need not be counted anew, each word of the bitmap keeps the number of living slots before
-// it in its row of eight words, each row the number of those before it among eight rows, and so on
-// (free slots, those below the newest, count as living): a death takes one from some neighbouring
-// numbers of a row on each level, which is a vector subtraction, and a use changes nothing else.
-// When the log is full, the living slots are moved together at its upper end.
+// slots between the newest slot and its own. A bitmap marks the dead slots. So that the others need
+// not be counted anew, a row keeps for each of 32 words of the bitmap the number of living slots
+// before it in the row, another kind of row the same for 32 of those rows, which make a block, and
+// an array the number of living slots in each block. Free slots, those below the newest, count as
+// living. A death takes one from the later numbers of a row of each kind, which is a vector
+// subtraction, and from a block; a use changes nothing else. When the log is full, the living slots
+// are moved together at its upper end.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
 // slots, is called with each id and its slot then. Throws std::bad_alloc above 2^29 ids.
@@ -38,7 +45,7 @@ class recency_log {
   void prepare(unsigned slot) const {
     if (slot >= id_at_.size()) return;
     prefetch(&dead_[slot / word_slots]);
-    prefetch(&before_[0][slot / (word_slots * fanout)]);
+    prefetch(&words_[slot / row_slots]);
     prefetch(&id_at_[slot]);
   }
 
@@ -56,16 +63,15 @@ class recency_log {
     }
   }
 
-  // The slot of the oldest id.
-  unsigned back() {
+  // Takes the oldest id out of the log. No position reaches past its slot any more, so that the
+  // numbers of living slots need not know.
+  std::uint32_t pop_back() {
     assert(size_ > 0);
     while (~dead_[back_word_] == 0) --back_word_;
-    return unsigned(back_word_ * word_slots) + unsigned(std::bit_width(~dead_[back_word_])) - 1;
-  }
-
-  void erase(unsigned slot) {
-    kill(slot);
+    const unsigned k = unsigned(std::bit_width(~dead_[back_word_])) - 1;
+    dead_[back_word_] |= bit(k);
     --size_;
+    return id_at_[back_word_ * word_slots + k];
   }
 
   // Makes `id`, which must not be in the log, its newest.
@@ -92,13 +98,10 @@ class recency_log {
     assert(position < size_);
     unsigned living = head_ + position;  // to be passed over, the free slots first
     std::size_t i = 0;
-    for (std::size_t n = before_.size(); n-- > 0;) {
-      eight& before = before_[n][i].before;
-      const unsigned place = last_up_to(before, living);
-      living -= before[place];
-      before -= steps[place];
-      i = i * fanout + place;
-    }
+    while (living >= blocks_[i]) living -= blocks_[i++];
+    --blocks_[i];
+    i = rows_[i].take(living) + i * fanout;
+    i = words_[i].take(living) + i * fanout;
     const unsigned k = select_bit(~dead_[i], living);
     dead_[i] |= bit(k);
     const std::uint32_t taken = id_at_[i * word_slots + k];
@@ -109,40 +112,86 @@ class recency_log {
   }
 
  private:
+  static constexpr unsigned fanout = 32;
   static constexpr unsigned word_slots = 64;
-  static constexpr unsigned fanout = 8;
+  static constexpr unsigned row_slots = fanout * word_slots;
+  static constexpr unsigned block_slots = fanout * row_slots;
   static constexpr unsigned max_ids = 1 << 29;  // so that their slots can be counted
-  static constexpr unsigned min_slots = fanout * fanout * word_slots;
+  static constexpr unsigned min_slots = 4096;
 
-  // One number for each of eight elements.
-  using eight [[gnu::vector_size(fanout * sizeof(unsigned))]] = unsigned;
-  // How many of the living slots come before each of them. A vector type by itself is aligned for
-  // its own size only where the compiler may use registers of that size.
-  struct alignas(fanout * sizeof(unsigned)) row {
-    eight before;
+  // steps[place][i] is 1 for each i above `place`, else 0.
+  using step = std::array<std::uint16_t, fanout>;
+  alignas(64) static constexpr auto steps = [] {
+    std::array<step, fanout> all{};
+    for (unsigned place = 0; place < fanout; ++place)
+      for (unsigned i = place + 1; i < fanout; ++i) all[place][i] = 1;
+    return all;
+  }();
+
+  // How many of the living slots come before each of 32 elements; in a block, that fits 16 bits.
+  struct row {
+    alignas(64) std::uint16_t before[fanout];
+    static_assert(block_slots - row_slots <= 0xFFFF);
+
+    explicit row(unsigned element_slots) {
+      for (unsigned i = 0; i < fanout; ++i)
+        before[i] = static_cast<std::uint16_t>(i * element_slots);
+    }
+
+    // A slot of the element at `place` dies.
+    void kill(std::size_t place) {
+      for (unsigned i = 0; i < fanout; ++i)
+        before[i] = static_cast<std::uint16_t>(before[i] - steps[place][i]);
+    }
+
+    // Lets the slot die that has `living` living ones before it; returns its element's place, and
+    // takes those before that off `living`.
+    std::size_t take(unsigned& living) {
+      const std::size_t place = last_up_to(living);
+      living -= before[place];
+      kill(place);
+      return place;
+    }
+
+    // The place of the last number that is not above `limit`; the first one never is.
+    std::size_t last_up_to(unsigned limit) const {
+#ifdef VQPACK_X86
+      const __m128i most = _mm_set1_epi16(static_cast<short>(limit));
+      const auto above = [&](unsigned from) {
+        const auto at = [&](unsigned i) {
+          return _mm_load_si128(reinterpret_cast<const __m128i*>(&before[i]));
+        };
+        const __m128i low = _mm_subs_epu16(at(from), most),
+                      high = _mm_subs_epu16(at(from + 8), most);
+        const __m128i up_to = _mm_packs_epi16(_mm_cmpeq_epi16(low, _mm_setzero_si128()),
+                                              _mm_cmpeq_epi16(high, _mm_setzero_si128()));
+        return ~unsigned(_mm_movemask_epi8(up_to)) & 0xFFFF;
+      };
+      return std::size_t(std::countr_zero(above(0) | std::uint64_t{above(16)} << 16 | 1ull << 32)) -
+             1;
+#else
+      std::size_t place = 0;
+      for (unsigned i = 1; i < fanout; ++i) place += before[i] <= limit;
+      return place;
+#endif
+    }
   };
-  using level = std::vector<row>;
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
-  // steps[place][i] is 1 for each i above `place`, else 0.
-  alignas(row) static constexpr eight steps[fanout] = {
-      {0, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 1, 1, 1, 1, 1},
-      {0, 0, 0, 0, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 1, 1},
-      {0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0}};
-
   // Lets `slot` die; returns the number of living ones below it.
   unsigned kill(unsigned slot) {
-    std::size_t i = slot / word_slots;
-    assert(slot >= head_ && slot < id_at_.size() && !(dead_[i] & bit(slot)));
-    unsigned living = count_bits(~dead_[i] & (bit(slot) - 1));
-    dead_[i] |= bit(slot);
-    for (level& before : before_) {
-      const std::size_t place = i % fanout;
-      i /= fanout;
-      living += before[i].before[place];
-      before[i].before -= steps[place];
-    }
+    const std::size_t word = slot / word_slots, words = slot / row_slots,
+                      block = slot / block_slots;
+    assert(slot >= head_ && slot < id_at_.size() && !(dead_[word] & bit(slot)));
+    unsigned living = count_bits(~dead_[word] & (bit(slot) - 1));
+    dead_[word] |= bit(slot);
+    living += words_[words].before[word % fanout];
+    words_[words].kill(word % fanout);
+    living += rows_[block].before[words % fanout];
+    rows_[block].kill(words % fanout);
+    --blocks_[block];
+    for (std::size_t i = 0; i < block; ++i) living += blocks_[i];
     return living;
   }
 
@@ -152,46 +201,6 @@ class recency_log {
     id_at_[slot] = id;
     moved(id, slot);
   }
-
-  // The place of the last number in a row that is not above `limit`; the first never is.
-  static unsigned last_up_to(const eight& before, unsigned limit) {
-    unsigned place = 0;
-    for (unsigned i = 1; i < fanout; ++i) place += before[i] <= limit;
-    return place;
-  }
-
-  static constexpr std::uint64_t each_byte = 0x0101010101010101;
-
-  // In byte i the number of bits of the bytes 0 to i of `word`.
-  static std::uint64_t byte_sums(std::uint64_t word) {
-    word -= word >> 1 & 0x5555555555555555;
-    word = (word & 0x3333333333333333) + (word >> 2 & 0x3333333333333333);
-    return ((word + (word >> 4)) & 0x0F0F0F0F0F0F0F0F) * each_byte;
-  }
-
-  // std::popcount, which is a call where processors without the instruction have to be served.
-  static unsigned count_bits(std::uint64_t word) { return unsigned(byte_sums(word) >> 56); }
-
-  // The k-th lowest set bit of a word that has more than k.
-  static unsigned select_bit(std::uint64_t word, unsigned k) {
-    constexpr std::uint64_t tops = 0x80 * each_byte;
-    const std::uint64_t counted = byte_sums(word);
-    assert(k < counted >> 56);
-    const std::uint64_t above = ((counted | tops) - (k + 1) * each_byte) & tops;
-    const unsigned byte = unsigned(std::countr_zero(above)) & ~7u;  // as a bit number
-    k -= unsigned(counted << 8 >> byte) & 0xFF;
-    return byte + bit_in_byte[k][word >> byte & 0xFF];
-  }
-
-  // [k][byte]: the k-th lowest set bit.
-  static constexpr auto make_bit_in_byte() {
-    std::array<std::array<unsigned char, 256>, 8> table{};
-    for (unsigned byte = 0; byte < 256; ++byte)
-      for (unsigned bit = 0, k = 0; bit < 8; ++bit)
-        if (byte >> bit & 1) table[k++][byte] = static_cast<unsigned char>(bit);
-    return table;
-  }
-  static const std::array<std::array<unsigned char, 256>, 8> bit_in_byte;
 
   // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
@@ -213,25 +222,20 @@ class recency_log {
   void revive(unsigned slots) {
     dead_.assign(slots / word_slots, 0);
     back_word_ = dead_.size() - 1;
-    before_.clear();
-    std::size_t rows = dead_.size();
-    unsigned element = word_slots;
-    do {
-      rows = (rows + fanout - 1) / fanout;
-      before_.emplace_back(rows, row{eight{0, 1, 2, 3, 4, 5, 6, 7} * element});
-      element *= fanout;
-    } while (rows > 1);
+    words_.assign((slots + row_slots - 1) / row_slots, row(word_slots));
+    const std::size_t blocks = (slots + block_slots - 1) / block_slots;
+    rows_.assign(blocks, row(row_slots));
+    blocks_.assign(blocks, block_slots);
   }
 
   unsigned size_ = 0;
   unsigned head_ = 0;                 // slot of the newest; those below are free
   std::size_t back_word_ = 0;         // all slots in the words above it are dead
   std::vector<std::uint64_t> dead_;   // a bit for each slot
-  std::vector<level> before_;         // by level: words first
+  std::vector<row> words_;            // of the bitmap, the living slots before each
+  std::vector<row> rows_;             // the same for the rows of `words_`
+  std::vector<unsigned> blocks_;      // the living slots in each
   std::vector<std::uint32_t> id_at_;  // by slot
 };
-
-inline constexpr std::array<std::array<unsigned char, 256>, 8> recency_log::bit_in_byte =
-    recency_log::make_bit_in_byte();
 
 }  // namespace vqpack::detail
