@@ -60,7 +60,7 @@ void count_items(benchmark::State& state, std::size_t items) {
 void scan(benchmark::State& state) {
   std::string text = to_text(make_trace(1000));
   const std::size_t size = text.size();
-  text.append(line_scan::readable_behind, '\0');
+  text.append(line_scan::readable_after, '\0');
   std::vector<VQtransaction> trace(block);
   for (auto _ : state) {
     const char* at = text.data() + line_scan::readable_before;
