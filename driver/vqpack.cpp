@@ -88,11 +88,6 @@ int complain(const char* msg, int status) {
 
 int refuse(const std::string& msg) { return complain(msg.c_str(), failure); }
 
-struct file_closer {
-  void operator()(FILE* file) const { xfclose(file); }
-};
-using stream = std::unique_ptr<FILE, file_closer>;
-
 // The columns of `compress_ok`: which way of coding the options ask for.
 enum compression_choice { choose_raw, choose_context, choose_default };
 
@@ -116,7 +111,7 @@ struct run_settings {
   bool show_metadata = false;
   bool drop_comment = false;
   const char* comment = nullptr;  // to append
-  stream sensitivity;             // data to put into the header
+  file_ptr sensitivity;           // data to put into the header
   bool merge_sensitivity = false;
   PRUV_header_t metadata;        // values for the header's fields ...
   PRUV_header_t metadata_given;  // ... those that are 1 here
@@ -329,7 +324,7 @@ void set_buffer(FILE* file, char (&buffer)[stream_buffer]) {
   if (file != stderr) std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
 
-std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
+std::optional<int> open_streams(const run_settings& run, file_ptr& in, file_ptr& out) {
   if (run.from_stdin())
     in.reset(stdin);
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
@@ -634,7 +629,7 @@ std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
 
 // Everything between the opening of the streams and their closing. Returns the exit status, or
 // throws VQcomp_error.
-int convert(run_settings& run, stream& in, FILE* out) {
+int convert(run_settings& run, file_ptr& in, FILE* out) {
   const bool watched = shows_progress(run, out);
   auto reader = open_reader(in.get(), watched);
   const bool text_input = reader->is_text();
@@ -686,7 +681,7 @@ int report(const VQcomp_error& error) {
 
 // Closes both; a success or a well-formed output is one only when all of it was written. A closed
 // descriptor takes nothing, not even an empty output.
-int close_streams(stream& in, stream& out, int status) {
+int close_streams(file_ptr& in, file_ptr& out, int status) {
   in.reset();
   const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
   const bool written = std::ferror(out.get()) == 0;
@@ -702,7 +697,7 @@ int run_command(int argc, char** argv) {
   std::signal(SIGCHLD,
               SIG_DFL);  // ignored, as some parents leave it, it takes the status of children
   run_settings run;
-  stream in, out;
+  file_ptr in, out;
   if (const auto status = scan_arguments(argc, argv, run)) return *status;
   if (const auto status = open_streams(run, in, out)) return *status;
   if (const auto status = refuse_impossible(run, out.get())) return *status;
