@@ -76,17 +76,13 @@ const char* const long_help[] = {
 
 constexpr char unreadable_points[] = "Can't read sensitivity file (-s/S)";
 
-// Prints a refusal, or the help when there is no message; returns `status`.
-int complain(const char* msg, int status) {
-  if (msg) {
-    std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
-  } else {
-    for (const char* const line : long_help) std::cerr << line << std::endl;
-  }
-  return status;
-}
+// Thrown where a run cannot go on as it was asked for.
+struct refusal {
+  std::string message;
+};
 
-int refuse(const std::string& msg) { return complain(msg.c_str(), failure); }
+// Thrown where the help is asked for.
+struct help_request {};
 
 // The columns of `compress_ok`: which way of coding the options ask for.
 enum compression_choice { choose_raw, choose_context, choose_default };
@@ -170,18 +166,17 @@ bool set_metadata(PRUV_header_t& header, char letter, unsigned long long value) 
 constexpr std::string_view switches = "SstdvbeCm";  // that take a value
 constexpr std::string_view text_switches = "Sst";   // of them, those whose value is no number
 
-// Acts on one switch. `value` and `number` are its value, where it takes one. Returns the exit
-// status where the run ends here.
-std::optional<int> act_on_switch(const char* argument, const char* value, unsigned long long number,
-                                 run_settings& run) {
+// Acts on one switch. `value` and `number` are its value, where it takes one.
+void act_on_switch(const char* argument, const char* value, unsigned long long number,
+                   run_settings& run) {
   const char letter = argument[1];
   const std::string two_letters(argument + 1, argument[2] ? 2 : 1);
   const auto unknown = [](const std::string& name) {
-    return refuse("-" + name + " unknown switch");
+    return refusal{"-" + name + " unknown switch"};
   };
   switch (letter) {
     case 'v':
-      if (number > last_version) return refuse("Version (-v) must be 0 - 5\n");
+      if (number > last_version) throw refusal{"Version (-v) must be 0 - 5\n"};
       run.version = int(number);
       break;
     case 'c':
@@ -209,7 +204,7 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
       run.comment = value;
       break;
     case 'm':
-      if (!set_metadata(run.metadata, argument[2], number)) return unknown(two_letters);
+      if (!set_metadata(run.metadata, argument[2], number)) throw unknown(two_letters);
       set_metadata(run.metadata_given, argument[2], 1);
       break;
     case 'S':
@@ -217,7 +212,7 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
       [[fallthrough]];
     case 's':
       run.sensitivity.reset(std::fopen(value, "r"));
-      if (!run.sensitivity) return refuse(unreadable_points);
+      if (!run.sensitivity) throw refusal{unreadable_points};
       break;
     case 'n':
       switch (argument[2]) {
@@ -235,46 +230,44 @@ std::optional<int> act_on_switch(const char* argument, const char* value, unsign
           run.comment = nullptr;
           break;
         default:
-          return unknown(two_letters);
+          throw unknown(two_letters);
       }
       break;
     case 'h':
-      return complain(nullptr, success);
+      throw help_request{};
     default:
-      return unknown({letter});
+      throw unknown({letter});
   }
-  return std::nullopt;
 }
 
-// Takes the arguments from left to right. Returns the exit status where the run ends here.
-std::optional<int> scan_arguments(int argc, char** argv, run_settings& run) {
+// Takes the arguments from left to right.
+void scan_arguments(int argc, char** argv, run_settings& run) {
   for (int i = 1; i < argc; ++i) {
     const char* const argument = argv[i];
     if (argument[0] != '-') {
-      if (run.outfile) return refuse("Multiple outputs specified");
+      if (run.outfile) throw refusal{"Multiple outputs specified"};
       (run.infile ? run.outfile : run.infile) = argument;
     } else if (argument[1] == '\0') {
-      if (run.infile) return refuse("Multiple inputs specified");
+      if (run.infile) throw refusal{"Multiple inputs specified"};
       run.infile = argument;
     } else {
       const char letter = argument[1];
       const char* value = nullptr;
       unsigned long long number = 0;
       if (switches.find(letter) != switches.npos) {
-        if (++i == argc) return refuse(std::string("-") + letter + " requires a value");
+        if (++i == argc) throw refusal{std::string("-") + letter + " requires a value"};
         value = argv[i];
         if (text_switches.find(letter) == text_switches.npos) {
           const auto parsed = parse_number(value);
           if (!parsed)
-            return refuse(std::string("-") + letter +
-                          " takes a non-negative number without spurious text");
+            throw refusal{std::string("-") + letter +
+                          " takes a non-negative number without spurious text"};
           number = *parsed;
         }
       }
-      if (const auto status = act_on_switch(argument, value, number, run)) return status;
+      act_on_switch(argument, value, number, run);
     }
   }
-  return std::nullopt;
 }
 
 // A file that is opened must not become a standard stream that was closed: messages would go into
@@ -289,16 +282,15 @@ bool same_file(const struct stat& a, const struct stat& b) {
   return S_ISREG(a.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// An output that is also read would be emptied, or would grow for ever.
-std::optional<int> refuse_shared_file(const run_settings& run) {
+// An output that is also read would be emptied, or would grow forever.
+void refuse_shared_file(const run_settings& run) {
   struct stat read, written;
-  if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return std::nullopt;
+  if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return;
   if (xfstat(run.from_stdin() ? "stdin" : run.infile, "r", read) && same_file(read, written))
-    return refuse("Input and output are the same file");
+    throw refusal{"Input and output are the same file"};
   if (run.sensitivity && fstat(fileno(run.sensitivity.get()), &read) == 0 &&
       same_file(read, written))
-    return refuse("Sensitivity file and output are the same file");
-  return std::nullopt;
+    throw refusal{"Sensitivity file and output are the same file"};
 }
 
 // The kind of file that a name stands for in a stdio mode, as in st_mode; 0 for commands.
@@ -324,36 +316,38 @@ void set_buffer(FILE* file, char (&buffer)[stream_buffer]) {
   if (file != stderr) std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
 
-std::optional<int> open_streams(const run_settings& run, file_ptr& in, file_ptr& out) {
+file_ptr open_input(const run_settings& run) {
+  file_ptr in;
   if (run.from_stdin())
     in.reset(stdin);
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
     in.reset(xfopen(run.infile, "r"));
-  if (!in) return refuse("Can't open input file");
+  if (!in) throw refusal{"Can't open input file"};
   set_buffer(in.get(), input_buffer);
-  if (const auto status = refuse_shared_file(run)) return status;
-  out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
-  if (!out) return refuse("Can't open output file");
+  return in;
+}
+
+file_ptr open_output(const run_settings& run) {
+  file_ptr out(run.outfile ? xfopen(run.outfile, "w") : stdout);
+  if (!out) throw refusal{"Can't open output file"};
   // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
   // standard output ends the program quietly.
   std::signal(SIGXFSZ, SIG_IGN);
   if (out.get() != stdout) std::signal(SIGPIPE, SIG_IGN);
-  return std::nullopt;
+  return out;
 }
 
-std::optional<int> refuse_impossible(const run_settings& run, FILE* out) {
+void refuse_impossible(const run_settings& run, FILE* out) {
   if (run.sensitivity && run.version < first_version_with_header)
-    return refuse(
-        "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX");
+    throw refusal{
+        "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX"};
   if (run.version >= first_version_with_header && out == stdout)
-    return refuse("Can't output version 2 or higher to stdout");
+    throw refusal{"Can't output version 2 or higher to stdout"};
   if (run.compression_flag() == -1)
-    return refuse("Selected compress and version options incompatible");
-  return std::nullopt;
+    throw refusal{"Selected compress and version options incompatible"};
 }
 
 // Metadata: what the options do to the header of the input before it becomes that of the output.
-// From here to report(), everything may throw VQcomp_error.
 
 [[noreturn]] void fail_at(const char* msg, long long record) {
   throw VQcomp_error{msg, record, 0, false};
@@ -627,8 +621,7 @@ std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
   return reader;
 }
 
-// Everything between the opening of the streams and their closing. Returns the exit status, or
-// throws VQcomp_error.
+// Everything between the opening of the files and their closing. Returns the exit status.
 int convert(run_settings& run, file_ptr& in, FILE* out) {
   const bool watched = shows_progress(run, out);
   auto reader = open_reader(in.get(), watched);
@@ -643,7 +636,7 @@ int convert(run_settings& run, file_ptr& in, FILE* out) {
     reader.reset();
     in.reset();
     in.reset(xfopen(run.infile, "r"));
-    if (!in) return refuse("Can't reopen input");
+    if (!in) throw refusal{"Can't reopen input"};
     set_buffer(in.get(), input_buffer);
     reader = open_reader(in.get(), watched);
   }
@@ -679,35 +672,64 @@ int report(const VQcomp_error& error) {
   return closed_failure;
 }
 
-// Closes both; a success or a well-formed output is one only when all of it was written. A closed
-// descriptor takes nothing, not even an empty output.
-int close_streams(file_ptr& in, file_ptr& out, int status) {
+// Returns `status`. A success, or an output that is called well formed, is none unless all of it
+// was written: throws VQcomp_error then. A closed descriptor takes nothing, not even an empty
+// output.
+int close_files(file_ptr& in, file_ptr& out, int status) {
   in.reset();
   const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
   const bool written = std::ferror(out.get()) == 0;
-  if ((xfclose(out.release()) == 0 && written && writable) || status == failure) return status;
-  std::cerr << cannot_write << std::endl;
-  return failure;
+  const bool closed = xfclose(out.release()) == 0;
+  if (status != failure && !(writable && written && closed)) fail_to_write();
+  return status;
+}
+
+// Prints a refusal, or the help when there is no message; returns `status`.
+int complain(const char* msg, int status) {
+  if (msg) {
+    std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
+  } else {
+    for (const char* const line : long_help) std::cerr << line << std::endl;
+  }
+  return status;
+}
+
+// Does `work` and returns the exit status that it ends with, or that of what it throws, which is
+// printed.
+template <class Work>
+int exit_status(Work work) {
+  try {
+    return work();
+  } catch (const refusal& refused) {
+    return complain(refused.message.c_str(), failure);
+  } catch (const help_request&) {
+    return complain(nullptr, success);
+  } catch (const VQcomp_error& error) {
+    return report(error);
+  }
+}
+
+// What a parent may have left unusual.
+void prepare_process() {
+  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
+  occupy_standard_streams();
+  std::signal(SIGCHLD, SIG_DFL);  // where it is ignored, the statuses of children are lost
 }
 
 // Returns the exit status.
 int run_command(int argc, char** argv) {
-  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
-  occupy_standard_streams();
-  std::signal(SIGCHLD,
-              SIG_DFL);  // ignored, as some parents leave it, it takes the status of children
+  prepare_process();
   run_settings run;
-  file_ptr in, out;
-  if (const auto status = scan_arguments(argc, argv, run)) return *status;
-  if (const auto status = open_streams(run, in, out)) return *status;
-  if (const auto status = refuse_impossible(run, out.get())) return *status;
-  int status;
-  try {
-    status = convert(run, in, out.get());
-  } catch (const VQcomp_error& error) {
-    status = report(error);
-  }
-  return close_streams(in, out, status);
+  file_ptr in, out;  // closed after the message of a refusal
+  return exit_status([&] {
+    scan_arguments(argc, argv, run);
+    in = open_input(run);
+    refuse_shared_file(run);
+    out = open_output(run);
+    refuse_impossible(run, out.get());
+    const int status = exit_status([&] { return convert(run, in, out.get()); });
+    return close_files(in, out, status);
+  });
 }
 
 int run_out_of_memory() {
