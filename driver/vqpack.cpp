@@ -447,29 +447,88 @@ constexpr int block_size = 1024;
   throw VQcomp_error{cannot_write, 0, 0, false, VQfault::cannot_write};
 }
 
-// Whether the input, read to its end, came to that by a failure: of a read, or of the process that
-// it comes from.
-bool input_failed(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
-
 [[noreturn]] void fail_to_read(bool closed) {
   throw VQcomp_error{cannot_read, 0, 0, closed, VQfault::cannot_read};
 }
 
-// Consecutive transactions of the input, which are handled together.
-class selected_batch {
- public:
-  selected_batch(velk_reader& reader, unsigned long long begin, unsigned long long end)
-      : reader_(reader), begin_(begin), end_(end) {}
+// Whether the end of an input that has been read is that of a failure: of a read, or of the process
+// that feeds the stream.
+bool ended_by_failure(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
 
-  // Reads on; false at the end of the input. Throws the reader's VQcomp_error with `closed` set.
-  bool next() {
-    index_ += read_;
+// The input of a run: its reader, and the line that shows how far it has been read.
+class trace_input {
+ public:
+  // `file` is the open input, and `name` opens it again. Throws VQcomp_error if nothing can be
+  // read.
+  trace_input(const char* name, file_ptr& file, bool watched)
+      : name_(name), file_(file), watched_(watched) {
+    start();
+  }
+
+  bool is_text() const { return reader_->is_text(); }
+
+  // To count the transactions, the whole input may have to be read; it is then opened again.
+  std::unique_ptr<PRUV_header_t> read_header(bool want_count) {
+    std::unique_ptr<PRUV_header_t> header(reader_->pruv_header(want_count));
+    if (reader_->needs_rewind()) {
+      count_failed_ = ended_by_failure(file_.get());
+      reopen();
+    }
+    return header;
+  }
+
+  // Reads as velk_reader does. The VQcomp_error that it throws has `closed` set.
+  std::size_t read(VQtransaction* transactions, std::size_t size) {
     try {
-      read_ = reader_.read(transactions_, std::size(transactions_));
+      const std::size_t delivered = reader_->read(transactions, size);
+      if (progress_) progress_->count(delivered);
+      if (progress_ && delivered == 0) progress_->wipe();
+      return delivered;
     } catch (VQcomp_error& error) {
+      if (progress_) progress_->wipe();
       error.closed = true;
       throw;
     }
+  }
+
+  // Whether the input, read to its end, could not be read as a whole.
+  bool failed() const { return count_failed_ || ended_by_failure(file_.get()); }
+
+ private:
+  void start() {
+    reader_.emplace(file_.get(), nullptr);
+    if (watched_) progress_.emplace(file_.get());
+    if (std::feof(file_.get()) && ended_by_failure(file_.get())) fail_to_read(false);
+  }
+
+  void reopen() {
+    progress_.reset();
+    reader_.reset();
+    file_.reset();
+    file_.reset(xfopen(name_, "r"));
+    if (!file_) throw refusal{"Can't reopen input"};
+    set_buffer(file_.get(), input_buffer);
+    start();
+  }
+
+  const char* name_;
+  file_ptr& file_;
+  bool watched_;
+  bool count_failed_ = false;
+  std::optional<velk_reader> reader_;
+  std::optional<progress_line> progress_;
+};
+
+// Consecutive transactions of the input, which are handled together.
+class selected_batch {
+ public:
+  selected_batch(trace_input& input, unsigned long long begin, unsigned long long end)
+      : input_(input), begin_(begin), end_(end) {}
+
+  // Reads the next batch; false at the end of the input. Throws what trace_input::read() does.
+  bool next() {
+    index_ += read_;
+    read_ = input_.read(transactions_, std::size(transactions_));
     return read_ > 0;
   }
 
@@ -488,7 +547,7 @@ class selected_batch {
                               : std::size_t(std::min<unsigned long long>(position - index_, read_));
   }
 
-  velk_reader& reader_;
+  trace_input& input_;
   unsigned long long begin_, end_;
   unsigned long long index_ = 0;  // of the first
   std::size_t read_ = 0;
@@ -508,9 +567,9 @@ void record_batch(VQcomp& compressor, FILE* out, VQtransaction* first, const VQt
 
 // Hands the selected transactions to the compressor. All of the input is read. Returns the error of
 // the input that ended the reading, if there was one.
-std::optional<VQcomp_error> record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
+std::optional<VQcomp_error> record_selected(trace_input& input, VQcomp& compressor, FILE* out,
                                             unsigned long long begin, unsigned long long end) {
-  selected_batch batch(reader, begin, end);
+  selected_batch batch(input, begin, end);
   for (;;) {
     try {
       if (!batch.next()) return std::nullopt;
@@ -538,12 +597,12 @@ const char* complaint_of(VQtotals totals) {
 // Codes the selected transactions as a QUBIX file of type `version`. Takes the header's totals as a
 // first guess and changes them to what was written. Throws VQcomp_error: with `closed` set for an
 // error of the input, after which the output is complete; else the output is not.
-void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t* header,
+void compress_stream(trace_input& input, FILE* out, int version, PRUV_header_t* header,
                      unsigned window, bool quiet, unsigned long long begin,
                      unsigned long long end) {
   set_buffer(out, output_buffer);
   VQcomp compressor(nullptr, version, header, block_size, window);
-  const auto input_error = record_selected(*reader, compressor, out, begin, end);
+  const auto input_error = record_selected(input, compressor, out, begin, end);
   const VQcomp_summary summary = compressor.finish(out, header);
   if (const char* const complaint = complaint_of(summary.totals))
     std::cerr << complaint << std::endl;
@@ -585,10 +644,10 @@ class text_output {
 
 // Prints the selected transactions as text, one a line, with their counts if `with_counts`. Throws
 // VQcomp_error, with `closed` set for an error of the input.
-void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
+void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t* header,
                        unsigned long long begin, unsigned long long end, bool with_counts) {
   text_output text(out, *header, with_counts);
-  selected_batch batch(*reader, begin, end);
+  selected_batch batch(input, begin, end);
   try {
     while (batch.next()) {
       for (const VQtransaction& t : batch) {
@@ -613,33 +672,18 @@ bool shows_progress(const run_settings& run, FILE* out) {
   return kind != 0 && !is_pipe(kind);
 }
 
-// Throws VQcomp_error where nothing can be read.
-std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
-  auto reader =
-      watched ? std::make_unique<watched_reader>(in) : std::make_unique<velk_reader>(in, nullptr);
-  if (std::feof(in) && input_failed(in)) fail_to_read(false);
-  return reader;
+// To count takes a pass of its own over the input: only what is going to show is counted, and only
+// where the input can be read twice.
+bool needs_count(const run_settings& run, FILE* in) {
+  const bool shows = run.show_metadata || run.version >= first_version_with_header;
+  return shows && in != stdin && !is_read_once(run.infile);
 }
 
 // Everything between the opening of the files and their closing. Returns the exit status.
 int convert(run_settings& run, file_ptr& in, FILE* out) {
-  const bool watched = shows_progress(run, out);
-  auto reader = open_reader(in.get(), watched);
-  const bool text_input = reader->is_text();
-  // A count takes a reading of its own: it is made only where it will show.
-  const bool count_shows = run.show_metadata || run.version >= first_version_with_header;
-  const bool want_count = count_shows && in.get() != stdin && !is_read_once(run.infile);
-  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count));
-  bool failed = false;
-  if (reader->needs_rewind()) {
-    failed = input_failed(in.get());
-    reader.reset();
-    in.reset();
-    in.reset(xfopen(run.infile, "r"));
-    if (!in) throw refusal{"Can't reopen input"};
-    set_buffer(in.get(), input_buffer);
-    reader = open_reader(in.get(), watched);
-  }
+  trace_input input(run.infile, in, shows_progress(run, out));
+  const bool text_input = input.is_text();
+  const auto header = input.read_header(needs_count(run, in.get()));
   if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
 
   const int version = text_input && run.version == -1 ? 1 : run.version;
@@ -647,13 +691,12 @@ int convert(run_settings& run, file_ptr& in, FILE* out) {
   header->compression = unsigned(run.compression_flag());
   edit_header(*header, run);
   if (version == -1) {
-    uncompress_stream(reader.get(), out, header.get(), run.begin, run.end, counts_stored);
+    uncompress_stream(input, out, header.get(), run.begin, run.end, counts_stored);
   } else {
     header->max_contexts = run.max_contexts;
-    compress_stream(reader.get(), out, version, header.get(), run.window, run.quiet, run.begin,
-                    run.end);
+    compress_stream(input, out, version, header.get(), run.window, run.quiet, run.begin, run.end);
   }
-  if (failed || input_failed(in.get())) fail_to_read(true);
+  if (input.failed()) fail_to_read(true);
   return success;
 }
 
