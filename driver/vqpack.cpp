@@ -24,6 +24,7 @@
 
 #include "coder/line_format.h"
 #include "coder/vqcomp.h"
+#include "driver/metadata.h"
 #include "driver/progress.h"
 #include "fileio/xfopen.h"
 
@@ -74,8 +75,6 @@ const char* const long_help[] = {
     "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
     "which the partial output was properly formed and closed, but may be bad."};
 
-constexpr char unreadable_points[] = "Can't read sensitivity file (-s/S)";
-
 // Thrown where a run cannot go on as it was asked for.
 struct refusal {
   std::string message;
@@ -105,12 +104,7 @@ struct run_settings {
   unsigned max_contexts = 16383;
   bool quiet = false;
   bool show_metadata = false;
-  bool drop_comment = false;
-  const char* comment = nullptr;  // to append
-  file_ptr sensitivity;           // data to put into the header
-  bool merge_sensitivity = false;
-  PRUV_header_t metadata;        // values for the header's fields ...
-  PRUV_header_t metadata_given;  // ... those that are 1 here
+  header_edits edits;
 
   bool from_stdin() const { return !infile || std::strcmp(infile, "-") == 0; }
   // What goes into the header's `compression`; -1: impossible.
@@ -132,35 +126,6 @@ std::optional<unsigned long long> parse_number(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return value;
-}
-
-// Sets the field that the second letter of an -m switch names; false if it names none.
-bool set_metadata(PRUV_header_t& header, char letter, unsigned long long value) {
-  switch (letter) {
-    case 'a':
-      header.address_length = unsigned(value);
-      return true;
-    case 'c':
-      header.cycle_count = static_cast<long long>(value);
-      return true;
-    case 'i':
-      header.inst_count = static_cast<long long>(value);
-      return true;
-    case 'l':
-      header.line_size = unsigned(value);
-      return true;
-    case 'r':
-      header.trans_count = static_cast<long long>(value);
-      return true;
-    case 's':
-      header.cache_size_kib = unsigned(value);
-      return true;
-    case 't':
-      header.threads = unsigned(value);
-      return true;
-    default:
-      return false;
-  }
 }
 
 constexpr std::string_view switches = "SstdvbeCm";  // that take a value
@@ -201,18 +166,18 @@ void act_on_switch(const char* argument, const char* value, unsigned long long n
       run.quiet = true;
       break;
     case 't':
-      run.comment = value;
+      run.edits.comment = value;
       break;
     case 'm':
-      if (!set_metadata(run.metadata, argument[2], number)) throw unknown(two_letters);
-      set_metadata(run.metadata_given, argument[2], 1);
+      if (!find_metadata_field(argument[2])) throw unknown(two_letters);
+      run.edits.metadata.push_back({find_metadata_field(argument[2]), number});
       break;
     case 'S':
-      run.merge_sensitivity = true;
+      run.edits.merge_sensitivity = true;
       [[fallthrough]];
     case 's':
-      run.sensitivity.reset(std::fopen(value, "r"));
-      if (!run.sensitivity) throw refusal{unreadable_points};
+      run.edits.sensitivity.reset(std::fopen(value, "r"));
+      if (!run.edits.sensitivity) throw refusal{unreadable_sensitivity};
       break;
     case 'n':
       switch (argument[2]) {
@@ -226,8 +191,8 @@ void act_on_switch(const char* argument, const char* value, unsigned long long n
           run.quiet = false;
           break;
         case 't':
-          run.drop_comment = true;
-          run.comment = nullptr;
+          run.edits.drop_comment = true;
+          run.edits.comment = nullptr;
           break;
         default:
           throw unknown(two_letters);
@@ -288,7 +253,7 @@ void refuse_shared_file(const run_settings& run) {
   if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return;
   if (xfstat(run.from_stdin() ? "stdin" : run.infile, "r", read) && same_file(read, written))
     throw refusal{"Input and output are the same file"};
-  if (run.sensitivity && fstat(fileno(run.sensitivity.get()), &read) == 0 &&
+  if (run.edits.sensitivity && fstat(fileno(run.edits.sensitivity.get()), &read) == 0 &&
       same_file(read, written))
     throw refusal{"Sensitivity file and output are the same file"};
 }
@@ -338,103 +303,13 @@ file_ptr open_output(const run_settings& run) {
 }
 
 void refuse_impossible(const run_settings& run, FILE* out) {
-  if (run.sensitivity && run.version < first_version_with_header)
+  if (run.edits.sensitivity && run.version < first_version_with_header)
     throw refusal{
         "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX"};
   if (run.version >= first_version_with_header && out == stdout)
     throw refusal{"Can't output version 2 or higher to stdout"};
   if (run.compression_flag() == -1)
     throw refusal{"Selected compress and version options incompatible"};
-}
-
-// Metadata: what the options do to the header of the input before it becomes that of the output.
-
-[[noreturn]] void fail_at(const char* msg, long long record) {
-  throw VQcomp_error{msg, record, 0, false};
-}
-
-constexpr int most_points = 255;
-
-// Takes one line of a sensitivity file; `line_number` is 1-based.
-sensitivity_point_t parse_point(const char* line, long long line_number) {
-  sensitivity_point_t p;
-  char behind;
-  if (std::sscanf(line, "%u %u %u %u %u %u %u %c", &p.config_type, &p.mlc_size, &p.llc_size,
-                  &p.instructions, &p.cycles, &p.llc_refs, &p.llc_misses, &behind) != 7)
-    fail_at("Trouble parsing sensitivity file", line_number);
-  if (p.config_type > 255) fail_at("Sensitivity cfg class out of range", line_number);
-  if (p.mlc_size > 65535) fail_at("Sensitivity MLC size out of range", line_number);
-  return p;
-}
-
-bool conflict(const sensitivity_point_t& a, const sensitivity_point_t& b) {
-  return a.config_type == b.config_type && a.mlc_size == b.mlc_size && a.llc_size == b.llc_size;
-}
-
-// Refuses two points of the same configuration; the first `kept` came from the input.
-void refuse_conflicts(const sensitivity_point_t* points, int count, int kept) {
-  for (int j = 1; j < count; ++j) {
-    const auto same = [&](const sensitivity_point_t& earlier) {
-      return conflict(earlier, points[j]);
-    };
-    if (std::none_of(points, points + j, same)) continue;
-    if (j >= kept) fail_at("Conflict in new sensitivity data", j - kept + 1);
-    fail_at("Conflict in old sensitivity data", j + 1);
-  }
-}
-
-// Puts the points of `file` into the header, in place of those that it holds or (`merge`) behind
-// them.
-void set_sensitivity(PRUV_header_t& header, FILE* file, bool merge) {
-  const int kept = merge ? header.sensitivity_count : 0;
-  if (kept > most_points) fail_at("Old sensitivity curve size not 0-255", kept);
-  auto points = std::make_unique<sensitivity_point_t[]>(most_points + 1);
-  std::copy_n(header.sensitivity, kept, points.get());
-  int count = kept;
-  for (char line[1000]; std::fgets(line, sizeof line, file); ++count) {
-    const int line_number = count - kept + 1;
-    if (count == most_points) fail_at("Sensitivity file max is 255 data points", line_number);
-    points[unsigned(count)] = parse_point(line, line_number);
-  }
-  if (std::ferror(file)) fail_at(unreadable_points, 0);  // a folder, for one
-  refuse_conflicts(points.get(), count, kept);
-  delete[] header.sensitivity;
-  header.sensitivity = count ? points.release() : nullptr;
-  header.sensitivity_count = count;
-}
-
-void set_given_metadata(PRUV_header_t& header, const PRUV_header_t& values,
-                        const PRUV_header_t& given) {
-  if (given.address_length) header.address_length = values.address_length;
-  if (given.cycle_count) header.cycle_count = values.cycle_count;
-  if (given.inst_count) header.inst_count = values.inst_count;
-  if (given.line_size) header.line_size = values.line_size;
-  if (given.trans_count) header.trans_count = values.trans_count;
-  if (given.cache_size_kib) header.cache_size_kib = values.cache_size_kib;
-  if (given.threads) header.threads = values.threads;
-}
-
-// An old comment is ended by a newline first, unless it is empty or ends with one.
-void append_comment(PRUV_header_t& header, const char* text) {
-  std::string comment = header.comment ? header.comment : "";
-  if (!comment.empty() && comment.back() != '\n') comment += '\n';
-  comment += text;
-  delete[] header.comment;
-  header.comment = new char[comment.size() + 1];
-  std::memcpy(header.comment, comment.c_str(), comment.size() + 1);
-}
-
-void drop_comment(PRUV_header_t& header) {
-  delete[] header.comment;
-  header.comment = nullptr;
-}
-
-void edit_header(PRUV_header_t& header, run_settings& run) {
-  if (run.sensitivity) set_sensitivity(header, run.sensitivity.get(), run.merge_sensitivity);
-  run.sensitivity.reset();
-  if (run.drop_comment) drop_comment(header);
-  set_given_metadata(header, run.metadata, run.metadata_given);
-  if (run.comment) append_comment(header, run.comment);
 }
 
 // Conversion: the transactions of one run, from the reader to the output.
@@ -652,8 +527,8 @@ void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t* heade
     while (batch.next()) {
       for (const VQtransaction& t : batch) {
         if (t.trans >= header->trans_name_count)
-          fail_at("Transaction number out of range",
-                  static_cast<long long>(batch.position(&t)) + 1);
+          throw VQcomp_error{"Transaction number out of range",
+                             static_cast<long long>(batch.position(&t)) + 1, 0, false};
         text.put(t);
       }
     }
@@ -689,7 +564,7 @@ int convert(run_settings& run, file_ptr& in, FILE* out) {
   const int version = text_input && run.version == -1 ? 1 : run.version;
   const bool counts_stored = header->version == 3 || header->version == 5;
   header->compression = unsigned(run.compression_flag());
-  edit_header(*header, run);
+  edit_header(*header, run.edits);
   if (version == -1) {
     uncompress_stream(input, out, header.get(), run.begin, run.end, counts_stored);
   } else {
