@@ -83,9 +83,10 @@ void append_comment(PRUV_header_t& header, const char* text) {
   std::string comment = header.comment ? header.comment : "";
   if (!comment.empty() && comment.back() != '\n') comment += '\n';
   comment += text;
+  char* const copy = new char[comment.size() + 1];
+  std::memcpy(copy, comment.c_str(), comment.size() + 1);
   delete[] header.comment;
-  header.comment = new char[comment.size() + 1];
-  std::memcpy(header.comment, comment.c_str(), comment.size() + 1);
+  header.comment = copy;
 }
 
 void drop_comment(PRUV_header_t& header) {
