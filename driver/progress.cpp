@@ -59,7 +59,11 @@ std::string duration(double seconds) {
 progress_line::progress_line(FILE* input)
     : input_(input), next_show_(start_ + patience), start_offset_(ftello(input)) {}
 
-progress_line::~progress_line() { wipe(); }
+progress_line::~progress_line() {
+  if (shown_ == 0 || in_background()) return;
+  show("", usable_width());
+  std::cerr << '\r' << std::flush;
+}
 
 void progress_line::count(std::size_t transactions) {
   transactions_ += transactions;
@@ -99,10 +103,4 @@ void progress_line::show(std::string words, std::size_t width) {
   const std::size_t before = std::exchange(shown_, words.size());
   words.resize(std::max(words.size(), std::min(before, width)), ' ');
   std::cerr << '\r' + words << std::flush;
-}
-
-void progress_line::wipe() {
-  if (shown_ == 0 || in_background()) return;
-  show("", usable_width());
-  std::cerr << '\r' << std::flush;
 }

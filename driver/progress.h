@@ -10,8 +10,8 @@
 
 // Shows on standard error, which must be a terminal, the part of the input that has been read, the
 // time that the rest takes, the number of transactions and their rate. The line appears two seconds
-// after the object was made and changes at most four times a second. It must be wiped before
-// anything else is written to the terminal; the destructor wipes it, too.
+// after the object was made and changes at most four times a second. The destructor wipes it; until
+// then nothing else may be written to the terminal.
 //
 // Only count() looks at the clock: a timer's signals could interrupt a read, which would look like
 // the end of the input. While an input keeps the program waiting, the line stays as it is.
@@ -25,7 +25,6 @@ class progress_line {
 
   // Adds transactions that have been read, and shows or renews the line when it is time.
   void count(std::size_t transactions);
-  void wipe();
 
  private:
   using clock = std::chrono::steady_clock;

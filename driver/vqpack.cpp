@@ -6,24 +6,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "coder/line_format.h"
 #include "coder/vqcomp.h"
+#include "driver/arguments.h"
 #include "driver/metadata.h"
 #include "driver/progress.h"
 #include "fileio/xfopen.h"
@@ -75,174 +73,6 @@ const char* const long_help[] = {
     "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
     "which the partial output was properly formed and closed, but may be bad."};
 
-// Thrown where a run cannot go on as it was asked for.
-struct refusal {
-  std::string message;
-};
-
-// Thrown where the help is asked for.
-struct help_request {};
-
-// The columns of `compress_ok`: which way of coding the options ask for.
-enum compression_choice { choose_raw, choose_context, choose_default };
-
-// The header's `compression` for an output file type and a choice; -1: impossible.
-constexpr int compress_ok[6][3] = {{0, -1, 0}, {-1, 1, 1}, {0, 1, 1},
-                                   {0, 1, 1},  {0, 1, 1},  {0, 1, 1}};
-constexpr int last_version = 5;
-constexpr int first_version_with_header = 2;
-
-// What the command line asks for.
-struct run_settings {
-  const char* infile = nullptr;   // "-" or null: standard input
-  const char* outfile = nullptr;  // null: standard output
-  int version = -1;               // file type of the output; -1: not given
-  compression_choice compression = choose_default;
-  unsigned long long begin = 0;  // of the transactions to convert, 0-based
-  unsigned long long end = 0x3FFFFFFF80000000;
-  unsigned window = 65535;  // bytes
-  unsigned max_contexts = 16383;
-  bool quiet = false;
-  bool show_metadata = false;
-  header_edits edits;
-
-  bool from_stdin() const { return !infile || std::strcmp(infile, "-") == 0; }
-  // What goes into the header's `compression`; -1: impossible.
-  int compression_flag() const { return version == -1 ? 1 : compress_ok[version][compression]; }
-};
-
-// A number as options take it: hexadecimal after 0x, octal after 0, else decimal; at most 64 bits;
-// white space may follow, nothing may stand before it.
-std::optional<unsigned long long> parse_number(std::string_view text) {
-  text = text.substr(0, text.find_last_not_of(" \t\n\v\f\r") + 1);
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-    text.remove_prefix(2);
-  } else if (text.starts_with('0')) {
-    base = 8;
-  }
-  unsigned long long value;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-constexpr std::string_view switches = "SstdvbeCm";  // that take a value
-constexpr std::string_view text_switches = "Sst";   // of them, those whose value is no number
-
-// Acts on one switch. `value` and `number` are its value, where it takes one.
-void act_on_switch(const char* argument, const char* value, unsigned long long number,
-                   run_settings& run) {
-  const char letter = argument[1];
-  const std::string two_letters(argument + 1, argument[2] ? 2 : 1);
-  const auto unknown = [](const std::string& name) {
-    return refusal{"-" + name + " unknown switch"};
-  };
-  switch (letter) {
-    case 'v':
-      if (number > last_version) throw refusal{"Version (-v) must be 0 - 5\n"};
-      run.version = int(number);
-      break;
-    case 'c':
-      run.compression = choose_context;
-      break;
-    case 'b':
-      run.begin = number;
-      break;
-    case 'e':
-      run.end = number;
-      break;
-    case 'd':
-      run.window = unsigned(number);
-      break;
-    case 'C':
-      run.max_contexts = unsigned(number);
-      break;
-    case 'p':
-      run.show_metadata = true;
-      break;
-    case 'q':
-      run.quiet = true;
-      break;
-    case 't':
-      run.edits.comment = value;
-      break;
-    case 'm':
-      if (!find_metadata_field(argument[2])) throw unknown(two_letters);
-      run.edits.metadata.push_back({find_metadata_field(argument[2]), number});
-      break;
-    case 'S':
-      run.edits.merge_sensitivity = true;
-      [[fallthrough]];
-    case 's':
-      run.edits.sensitivity.reset(std::fopen(value, "r"));
-      if (!run.edits.sensitivity) throw refusal{unreadable_sensitivity};
-      break;
-    case 'n':
-      switch (argument[2]) {
-        case 'c':
-          run.compression = choose_raw;
-          break;
-        case 'p':
-          run.show_metadata = false;
-          break;
-        case 'q':
-          run.quiet = false;
-          break;
-        case 't':
-          run.edits.drop_comment = true;
-          run.edits.comment = nullptr;
-          break;
-        default:
-          throw unknown(two_letters);
-      }
-      break;
-    case 'h':
-      throw help_request{};
-    default:
-      throw unknown({letter});
-  }
-}
-
-// Takes the arguments from left to right.
-void scan_arguments(int argc, char** argv, run_settings& run) {
-  for (int i = 1; i < argc; ++i) {
-    const char* const argument = argv[i];
-    if (argument[0] != '-') {
-      if (run.outfile) throw refusal{"Multiple outputs specified"};
-      (run.infile ? run.outfile : run.infile) = argument;
-    } else if (argument[1] == '\0') {
-      if (run.infile) throw refusal{"Multiple inputs specified"};
-      run.infile = argument;
-    } else {
-      const char letter = argument[1];
-      const char* value = nullptr;
-      unsigned long long number = 0;
-      if (switches.find(letter) != switches.npos) {
-        if (++i == argc) throw refusal{std::string("-") + letter + " requires a value"};
-        value = argv[i];
-        if (text_switches.find(letter) == text_switches.npos) {
-          const auto parsed = parse_number(value);
-          if (!parsed)
-            throw refusal{std::string("-") + letter +
-                          " takes a non-negative number without spurious text"};
-          number = *parsed;
-        }
-      }
-      act_on_switch(argument, value, number, run);
-    }
-  }
-}
-
-// A file that is opened must not become a standard stream that was closed: messages would go into
-// an output. What takes those places fails as a closed descriptor does.
-void occupy_standard_streams() {
-  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-    if (fcntl(place, F_GETFD) == -1)
-      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
-}
-
 bool same_file(const struct stat& a, const struct stat& b) {
   return S_ISREG(a.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -258,7 +88,7 @@ void refuse_shared_file(const run_settings& run) {
     throw refusal{"Sensitivity file and output are the same file"};
 }
 
-// The kind of file that a name stands for in a stdio mode, as in st_mode; 0 for commands.
+// The file type bits of st_mode for what xfopen(name, mode) would open; 0 for commands.
 mode_t kind_of_file(const char* name, const char* mode) {
   struct stat status;
   return xfstat(name, mode, status) ? status.st_mode & S_IFMT : 0;
@@ -266,17 +96,17 @@ mode_t kind_of_file(const char* name, const char* mode) {
 
 bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
 
-// A pipe with a name is gone when it is opened again. A command is run again.
+// A named pipe has lost its contents when it is opened again. A command runs again.
 bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
-// Buffers for the input and for a binary output, which make system calls few. They outlive the
-// streams.
+// Buffers of the input and of a binary output, large so that system calls are few. They must
+// outlive the streams.
 constexpr std::size_t stream_buffer = 1 << 16;
 char input_buffer[stream_buffer];
 char output_buffer[stream_buffer];
 
-// Gives a stream that was just opened a buffer. Standard error, which an output may be, stays
-// without one, so that messages come in turn.
+// Gives a newly opened stream a buffer. Standard error, which can be the output, stays unbuffered,
+// so that messages keep their order.
 void set_buffer(FILE* file, char (&buffer)[stream_buffer]) {
   if (file != stderr) std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
@@ -295,28 +125,25 @@ file_ptr open_input(const run_settings& run) {
 file_ptr open_output(const run_settings& run) {
   file_ptr out(run.outfile ? xfopen(run.outfile, "w") : stdout);
   if (!out) throw refusal{"Can't open output file"};
-  // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
-  // standard output ends the program quietly.
+  // A write fails at the size limit of files and when a compressor or command ends early. A closed
+  // pipe on standard output ends the program without a message.
   std::signal(SIGXFSZ, SIG_IGN);
   if (out.get() != stdout) std::signal(SIGPIPE, SIG_IGN);
   return out;
 }
 
 void refuse_impossible(const run_settings& run, FILE* out) {
-  if (run.edits.sensitivity && run.version < first_version_with_header)
+  if (run.edits.sensitivity && !run.stores_header())
     throw refusal{
         "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX"};
-  if (run.version >= first_version_with_header && out == stdout)
+  if (run.stores_header() && out == stdout)
     throw refusal{"Can't output version 2 or higher to stdout"};
   if (run.compression_flag() == -1)
     throw refusal{"Selected compress and version options incompatible"};
 }
 
-// Conversion: the transactions of one run, from the reader to the output.
-
 constexpr char cannot_read[] = "Can't read input";
 constexpr char cannot_write[] = "Can't write output";
-constexpr int block_size = 1024;
 
 [[noreturn]] void fail_to_write() {
   throw VQcomp_error{cannot_write, 0, 0, false, VQfault::cannot_write};
@@ -326,15 +153,14 @@ constexpr int block_size = 1024;
   throw VQcomp_error{cannot_read, 0, 0, closed, VQfault::cannot_read};
 }
 
-// Whether the end of an input that has been read is that of a failure: of a read, or of the process
-// that feeds the stream.
+// Whether an input that has been read to its end got there by a failure: of a read, or of the
+// process that feeds the stream.
 bool ended_by_failure(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
 
 // The input of a run: its reader, and the line that shows how far it has been read.
 class trace_input {
  public:
-  // `file` is the open input, and `name` opens it again. Throws VQcomp_error if nothing can be
-  // read.
+  // `file` is the open input, and `name` opens it again. Throws VQcomp_error if it cannot be read.
   trace_input(const char* name, file_ptr& file, bool watched)
       : name_(name), file_(file), watched_(watched) {
     start();
@@ -342,7 +168,8 @@ class trace_input {
 
   bool is_text() const { return reader_->is_text(); }
 
-  // To count the transactions, the whole input may have to be read; it is then opened again.
+  // Counting may read the whole input, which is then opened again. Throws VQcomp_error, and
+  // `refusal` when the input does not open again.
   std::unique_ptr<PRUV_header_t> read_header(bool want_count) {
     std::unique_ptr<PRUV_header_t> header(reader_->pruv_header(want_count));
     if (reader_->needs_rewind()) {
@@ -357,16 +184,16 @@ class trace_input {
     try {
       const std::size_t delivered = reader_->read(transactions, size);
       if (progress_) progress_->count(delivered);
-      if (progress_ && delivered == 0) progress_->wipe();
+      if (delivered == 0) progress_.reset();
       return delivered;
     } catch (VQcomp_error& error) {
-      if (progress_) progress_->wipe();
+      progress_.reset();
       error.closed = true;
       throw;
     }
   }
 
-  // Whether the input, read to its end, could not be read as a whole.
+  // After the end of the input: whether it could not be read completely.
   bool failed() const { return count_failed_ || ended_by_failure(file_.get()); }
 
  private:
@@ -394,7 +221,7 @@ class trace_input {
   std::optional<progress_line> progress_;
 };
 
-// Consecutive transactions of the input, which are handled together.
+// A number of consecutive transactions of the input.
 class selected_batch {
  public:
   selected_batch(trace_input& input, unsigned long long begin, unsigned long long end)
@@ -440,11 +267,11 @@ void record_batch(VQcomp& compressor, FILE* out, VQtransaction* first, const VQt
   }
 }
 
-// Hands the selected transactions to the compressor. All of the input is read. Returns the error of
-// the input that ended the reading, if there was one.
+// Reads all of the input and hands the selected transactions to the compressor. Returns the error
+// of the input that ended the reading, if there is one.
 std::optional<VQcomp_error> record_selected(trace_input& input, VQcomp& compressor, FILE* out,
-                                            unsigned long long begin, unsigned long long end) {
-  selected_batch batch(input, begin, end);
+                                            const run_settings& run) {
+  selected_batch batch(input, run.begin, run.end);
   for (;;) {
     try {
       if (!batch.next()) return std::nullopt;
@@ -455,8 +282,8 @@ std::optional<VQcomp_error> record_selected(trace_input& input, VQcomp& compress
   }
 }
 
-// What to say of totals that are not in their place; null where readers do not mind.
-const char* complaint_of(VQtotals totals) {
+// The message about totals that the file does not hold as it should; null if it does.
+const char* totals_warning(VQtotals totals) {
   switch (totals) {
     case VQtotals::count_differs:
       return "Need to change transaction count: output not seekable";
@@ -469,32 +296,31 @@ const char* complaint_of(VQtotals totals) {
   }
 }
 
-// Codes the selected transactions as a QUBIX file of type `version`. Takes the header's totals as a
-// first guess and changes them to what was written. Throws VQcomp_error: with `closed` set for an
-// error of the input, after which the output is complete; else the output is not.
-void compress_stream(trace_input& input, FILE* out, int version, PRUV_header_t* header,
-                     unsigned window, bool quiet, unsigned long long begin,
-                     unsigned long long end) {
+// Codes the selected transactions as a QUBIX file of type `version`. Starts with the totals that
+// the header holds and changes them to what was written. Throws VQcomp_error: with `closed` set for
+// an error of the input, after which the output is complete, else incomplete.
+void compress_stream(trace_input& input, FILE* out, int version, PRUV_header_t& header,
+                     const run_settings& run) {
+  constexpr int block_size = 1024;
   set_buffer(out, output_buffer);
-  VQcomp compressor(nullptr, version, header, block_size, window);
-  const auto input_error = record_selected(input, compressor, out, begin, end);
-  const VQcomp_summary summary = compressor.finish(out, header);
-  if (const char* const complaint = complaint_of(summary.totals))
-    std::cerr << complaint << std::endl;
-  if (summary.contexts != 0 && !quiet)
+  VQcomp compressor(nullptr, version, &header, block_size, run.window);
+  const auto input_error = record_selected(input, compressor, out, run);
+  const VQcomp_summary summary = compressor.finish(out, &header);
+  if (const char* const warning = totals_warning(summary.totals)) std::cerr << warning << std::endl;
+  if (summary.contexts != 0 && !run.quiet)
     std::cerr << "QUBIX compressor used " << summary.contexts << " contexts with average distance "
               << summary.avg_distance << std::endl;
   if (input_error) throw *input_error;
 }
 
-// Text lines on their way to the output.
+// Writes transactions as text lines, many of them at once.
 class text_output {
  public:
   text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
       : out_(out),
         format_(header.trans_names, header.trans_name_count, with_counts),
         lines_(std::max(block, 2 * format_.longest_line())) {
-    std::setvbuf(out_, nullptr, _IONBF, 0);  // the lines are gathered here
+    std::setvbuf(out_, nullptr, _IONBF, 0);  // `lines_` is the buffer
   }
 
   void put(const VQtransaction& t) {
@@ -502,7 +328,7 @@ class text_output {
     used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
   }
 
-  // False when not all could be written; the rest is not tried again.
+  // Writes what is left. False if that fails; another flush() does not try again.
   bool flush() {
     const std::size_t size = std::exchange(used_, 0);
     return std::fwrite(lines_.data(), 1, size, out_) == size;
@@ -519,14 +345,14 @@ class text_output {
 
 // Prints the selected transactions as text, one a line, with their counts if `with_counts`. Throws
 // VQcomp_error, with `closed` set for an error of the input.
-void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t* header,
-                       unsigned long long begin, unsigned long long end, bool with_counts) {
-  text_output text(out, *header, with_counts);
-  selected_batch batch(input, begin, end);
+void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t& header, bool with_counts,
+                       const run_settings& run) {
+  text_output text(out, header, with_counts);
+  selected_batch batch(input, run.begin, run.end);
   try {
     while (batch.next()) {
       for (const VQtransaction& t : batch) {
-        if (t.trans >= header->trans_name_count)
+        if (t.trans >= header.trans_name_count)
           throw VQcomp_error{"Transaction number out of range",
                              static_cast<long long>(batch.position(&t)) + 1, 0, false};
         text.put(t);
@@ -539,22 +365,21 @@ void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t* heade
   if (!text.flush()) fail_to_write();
 }
 
-// Progress is shown on a terminal where nothing else is: not text, nor what reads a pipe or is a
-// command, a pager, say.
+// Progress is shown only where nothing else goes to the terminal: neither the output nor that of a
+// pager, for example, which reads it through a pipe.
 bool shows_progress(const run_settings& run, FILE* out) {
   if (run.quiet || !isatty(STDERR_FILENO) || isatty(fileno(out))) return false;
   const mode_t kind = kind_of_file(run.outfile ? run.outfile : "stdout", "w");
   return kind != 0 && !is_pipe(kind);
 }
 
-// To count takes a pass of its own over the input: only what is going to show is counted, and only
-// where the input can be read twice.
+// Counting takes another pass over the input: it needs a use for the count, and an input that can
+// be read twice.
 bool needs_count(const run_settings& run, FILE* in) {
-  const bool shows = run.show_metadata || run.version >= first_version_with_header;
-  return shows && in != stdin && !is_read_once(run.infile);
+  return (run.show_metadata || run.stores_header()) && in != stdin && !is_read_once(run.infile);
 }
 
-// Everything between the opening of the files and their closing. Returns the exit status.
+// Converts the open input. Returns the exit status; throws VQcomp_error and `refusal`.
 int convert(run_settings& run, file_ptr& in, FILE* out) {
   trace_input input(run.infile, in, shows_progress(run, out));
   const bool text_input = input.is_text();
@@ -566,17 +391,17 @@ int convert(run_settings& run, file_ptr& in, FILE* out) {
   header->compression = unsigned(run.compression_flag());
   edit_header(*header, run.edits);
   if (version == -1) {
-    uncompress_stream(input, out, header.get(), run.begin, run.end, counts_stored);
+    uncompress_stream(input, out, *header, counts_stored, run);
   } else {
     header->max_contexts = run.max_contexts;
-    compress_stream(input, out, version, header.get(), run.window, run.quiet, run.begin, run.end);
+    compress_stream(input, out, version, *header, run);
   }
   if (input.failed()) fail_to_read(true);
   return success;
 }
 
-// Prints an error that ended the conversion; returns the exit status. How far a failed read had
-// come is not where the fault lies.
+// Prints an error that ended the conversion; returns the exit status. For a failed read, the
+// position would mislead: the fault does not lie in the trace.
 int report(const VQcomp_error& error) {
   std::cerr << (error.fault == VQfault::cannot_read ? error.msg : error.str()) << std::endl;
   if (!error.closed) return failure;
@@ -590,9 +415,8 @@ int report(const VQcomp_error& error) {
   return closed_failure;
 }
 
-// Returns `status`. A success, or an output that is called well formed, is none unless all of it
-// was written: throws VQcomp_error then. A closed descriptor takes nothing, not even an empty
-// output.
+// Returns `status`; but throws VQcomp_error if that calls the output complete or well formed and
+// not all of it was written. On a closed descriptor not even an empty output counts as written.
 int close_files(file_ptr& in, file_ptr& out, int status) {
   in.reset();
   const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
@@ -602,7 +426,7 @@ int close_files(file_ptr& in, file_ptr& out, int status) {
   return status;
 }
 
-// Prints a refusal, or the help when there is no message; returns `status`.
+// Prints a refusal, or the help if `msg` is null; returns `status`.
 int complain(const char* msg, int status) {
   if (msg) {
     std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
@@ -612,8 +436,8 @@ int complain(const char* msg, int status) {
   return status;
 }
 
-// Does `work` and returns the exit status that it ends with, or that of what it throws, which is
-// printed.
+// Returns the exit status that `work` returns. Prints what it throws and returns the status for
+// that.
 template <class Work>
 int exit_status(Work work) {
   try {
@@ -627,18 +451,26 @@ int exit_status(Work work) {
   }
 }
 
-// What a parent may have left unusual.
+// A file must not be opened as a standard stream that was closed: messages would go into an output.
+// What takes the place of such a stream fails like a closed descriptor.
+void occupy_standard_streams() {
+  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (fcntl(place, F_GETFD) == -1)
+      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+}
+
+// Undoes what the parent process may have set up unusually.
 void prepare_process() {
   std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
   occupy_standard_streams();
-  std::signal(SIGCHLD, SIG_DFL);  // where it is ignored, the statuses of children are lost
+  std::signal(SIGCHLD, SIG_DFL);  // if ignored, the statuses of children are lost
 }
 
 // Returns the exit status.
 int run_command(int argc, char** argv) {
   prepare_process();
   run_settings run;
-  file_ptr in, out;  // closed after the message of a refusal
+  file_ptr in, out;  // outlive exit_status(): after a refusal they close once it has been printed
   return exit_status([&] {
     scan_arguments(argc, argv, run);
     in = open_input(run);
@@ -650,16 +482,17 @@ int run_command(int argc, char** argv) {
   });
 }
 
-int run_out_of_memory() {
+int report_out_of_memory() {
   constexpr char message[] = "Out of memory\n";
   static_cast<void>(!write(STDERR_FILENO, message, sizeof message - 1));
   return failure;
 }
 
-// The runtime keeps some memory for exceptions; where it has none, no exception comes into being.
+// The runtime reserves some memory for exceptions. Where that, too, is used up, it terminates
+// without an exception.
 [[noreturn]] void end_without_exception() {
   if (std::current_exception()) std::abort();
-  std::_Exit(run_out_of_memory());
+  std::_Exit(report_out_of_memory());
 }
 
 }  // namespace
@@ -669,6 +502,6 @@ int main(int argc, char** argv) {
   try {
     return run_command(argc, argv);
   } catch (const std::bad_alloc&) {
-    return run_out_of_memory();
+    return report_out_of_memory();
   }
 }
