@@ -221,7 +221,7 @@ class trace_input {
   std::optional<progress_line> progress_;
 };
 
-// A number of consecutive transactions of the input.
+// Consecutive transactions of the input, read at once.
 class selected_batch {
  public:
   selected_batch(trace_input& input, unsigned long long begin, unsigned long long end)
@@ -436,7 +436,7 @@ int complain(const char* msg, int status) {
   return status;
 }
 
-// Returns the exit status that `work` returns. Prints what it throws and returns the status for
+// Returns what `work` returns, an exit status; prints what it throws and returns the status for
 // that.
 template <class Work>
 int exit_status(Work work) {
@@ -459,7 +459,7 @@ void occupy_standard_streams() {
       static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
 }
 
-// Undoes what the parent process may have set up unusually.
+// Corrects what the program may inherit: closed standard streams, an ignored SIGCHLD.
 void prepare_process() {
   std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
   occupy_standard_streams();
@@ -470,7 +470,7 @@ void prepare_process() {
 int run_command(int argc, char** argv) {
   prepare_process();
   run_settings run;
-  file_ptr in, out;  // outlive exit_status(): after a refusal they close once it has been printed
+  file_ptr in, out;  // still open while exit_status() prints a refusal
   return exit_status([&] {
     scan_arguments(argc, argv, run);
     in = open_input(run);
