@@ -13,17 +13,17 @@ namespace {
 
 constexpr std::chrono::seconds patience(2);
 constexpr std::chrono::milliseconds period(250);
-// Transactions between two looks at the clock: one costs a thousandth of the time of so many.
+// Transactions between two looks at the clock. One look takes a thousandth of their time.
 constexpr unsigned long long look_interval = 1024;
 
-// The columns that a line can use without being broken; the last one is left free.
+// The columns that a line may fill: all but the last, after which some terminals wrap.
 std::size_t usable_width() {
   winsize window;
   const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0;
   return known ? window.ws_col - 1U : 79;
 }
 
-// A job in the background leaves the terminal to the shell.
+// A background job must leave the terminal to the shell.
 bool in_background() {
   const pid_t foreground = tcgetpgrp(STDERR_FILENO);
   return foreground != -1 && foreground != getpgrp();
@@ -56,24 +56,16 @@ std::string duration(double seconds) {
 
 }  // namespace
 
-watched_reader::watched_reader(FILE* input)
-    : velk_reader(input, nullptr), next_show_(start_ + patience), start_offset_(ftello(input)) {}
+progress_line::progress_line(FILE* input)
+    : input_(input), next_show_(start_ + patience), start_offset_(ftello(input)) {}
 
-watched_reader::~watched_reader() { wipe(); }
-
-std::size_t watched_reader::read(VQtransaction* transactions, std::size_t size) {
-  try {
-    const std::size_t delivered = velk_reader::read(transactions, size);
-    count(delivered);
-    if (delivered == 0) wipe();
-    return delivered;
-  } catch (...) {
-    wipe();
-    throw;
-  }
+progress_line::~progress_line() {
+  if (shown_ == 0 || in_background()) return;
+  show("", usable_width());
+  std::cerr << '\r' << std::flush;
 }
 
-void watched_reader::count(std::size_t transactions) {
+void progress_line::count(std::size_t transactions) {
   transactions_ += transactions;
   if (transactions_ < next_look_) return;
   next_look_ = transactions_ + look_interval;
@@ -81,24 +73,24 @@ void watched_reader::count(std::size_t transactions) {
   if (now < next_show_ || in_background()) return;
   next_show_ = now + period;
   const std::size_t width = usable_width();
-  show(line(std::chrono::duration<double>(now - start_).count(), width), width);
+  show(text(std::chrono::duration<double>(now - start_).count(), width), width);
 }
 
-// The first parts matter most; those that do not fit are left out. Once all of a file is in
-// buffers, its size tells no more how much is left: a few bytes of QUBIX may stand for very many
-// transactions.
-std::string watched_reader::line(double seconds, std::size_t width) const {
+// The first parts matter most; those that do not fit are left out. Once the whole file has been
+// read into buffers, its size no longer says how much is left: a few bytes of QUBIX may stand for
+// very many transactions.
+std::string progress_line::text(double seconds, std::size_t width) const {
   std::string words;
   const auto add = [&](const std::string& part) {
     const std::string separator = words.empty() ? "" : ", ";
     if (words.size() + separator.size() + part.size() <= width) words += separator + part;
   };
-  struct stat input;  // asked each time: it may be growing
-  const off_t offset = ftello(fp());
-  if (offset > start_offset_ && fstat(fileno(fp()), &input) == 0 && S_ISREG(input.st_mode) &&
-      offset < input.st_size) {
-    const double done = double(offset - start_offset_), left = double(input.st_size - offset);
-    add(formatted("%d%%", int(100 * double(offset) / double(input.st_size))));
+  struct stat status;  // asked for each time: the file may be growing
+  const off_t offset = ftello(input_);
+  if (offset > start_offset_ && fstat(fileno(input_), &status) == 0 && S_ISREG(status.st_mode) &&
+      offset < status.st_size) {
+    const double done = double(offset - start_offset_), left = double(status.st_size - offset);
+    add(formatted("%d%%", int(100 * double(offset) / double(status.st_size))));
     add(duration(std::ceil(seconds * left / done)) + " left");
   }
   add(amount(double(transactions_)) + " transactions");
@@ -106,15 +98,9 @@ std::string watched_reader::line(double seconds, std::size_t width) const {
   return words;
 }
 
-// Blanks wipe on every terminal.
-void watched_reader::show(std::string words, std::size_t width) {
+// Overwrites the rest of the old line with blanks, which works on every terminal.
+void progress_line::show(std::string words, std::size_t width) {
   const std::size_t before = std::exchange(shown_, words.size());
   words.resize(std::max(words.size(), std::min(before, width)), ' ');
   std::cerr << '\r' + words << std::flush;
-}
-
-void watched_reader::wipe() {
-  if (shown_ == 0 || in_background()) return;
-  show("", usable_width());
-  std::cerr << '\r' << std::flush;
 }

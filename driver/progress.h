@@ -1,4 +1,4 @@
-// How far a long conversion is, told by one line on the terminal.
+// A line on the terminal that shows how far a long conversion is.
 #pragma once
 
 #include <sys/types.h>
@@ -8,37 +8,35 @@
 #include <cstdio>
 #include <string>
 
-#include "coder/vqcomp.h"
-
-// A reader that shows on standard error, which must be a terminal, how far it has come: what part
-// of the input, when the rest will be done, how many transactions, how fast. The line appears two
-// seconds after the reader was made, is renewed four times a second while transactions come, and is
-// wiped when read() delivers the last one or throws, and by the destructor. Until then nothing else
-// may be written to the terminal.
+// Shows on standard error, which must be a terminal, the part of the input that has been read, the
+// time that the rest takes, the number of transactions and their rate. The line appears two seconds
+// after the object was made and changes at most four times a second. The destructor wipes it; until
+// then nothing else may be written to the terminal.
 //
-// The clock is looked at between two reads: no signal disturbs them, which could make an input seem
-// to end, and an input that keeps us waiting lets the line stand as it is. length() shows nothing.
-class watched_reader : public velk_reader {
+// Only count() looks at the clock: a timer's signals could interrupt a read, which would look like
+// the end of the input. While an input keeps the program waiting, the line stays as it is.
+class progress_line {
  public:
-  // Watches from where `input` stands, as part of the whole file if it is a regular one.
-  explicit watched_reader(FILE* input);
-  ~watched_reader() override;
+  // Measures from the position of `input`, which the caller reads and which must outlive the line.
+  explicit progress_line(FILE* input);
+  ~progress_line();
+  progress_line(const progress_line&) = delete;
+  progress_line& operator=(const progress_line&) = delete;
 
-  using velk_reader::read;
-  std::size_t read(VQtransaction* transactions, std::size_t size) override;
+  // Adds transactions that have been read, and shows or renews the line when it is time.
+  void count(std::size_t transactions);
 
  private:
   using clock = std::chrono::steady_clock;
 
-  void count(std::size_t transactions);
-  std::string line(double seconds, std::size_t width) const;
+  std::string text(double seconds, std::size_t width) const;
   void show(std::string words, std::size_t width);
-  void wipe();
 
+  FILE* input_;
   clock::time_point start_ = clock::now();
   clock::time_point next_show_;
   off_t start_offset_;
   unsigned long long transactions_ = 0;
-  unsigned long long next_look_ = 0;  // at the clock
+  unsigned long long next_look_ = 0;  // the count at which to look at the clock again
   std::size_t shown_ = 0;             // columns on the terminal
 };

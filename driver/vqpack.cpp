@@ -6,24 +6,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "coder/line_format.h"
 #include "coder/vqcomp.h"
+#include "driver/arguments.h"
+#include "driver/metadata.h"
 #include "driver/progress.h"
 #include "fileio/xfopen.h"
 
@@ -74,239 +73,22 @@ const char* const long_help[] = {
     "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
     "which the partial output was properly formed and closed, but may be bad."};
 
-constexpr char unreadable_points[] = "Can't read sensitivity file (-s/S)";
-
-// Prints a refusal, or the help when there is no message; returns `status`.
-int complain(const char* msg, int status) {
-  if (msg) {
-    std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
-  } else {
-    for (const char* const line : long_help) std::cerr << line << std::endl;
-  }
-  return status;
-}
-
-int refuse(const std::string& msg) { return complain(msg.c_str(), failure); }
-
-struct file_closer {
-  void operator()(FILE* file) const { xfclose(file); }
-};
-using stream = std::unique_ptr<FILE, file_closer>;
-
-// The columns of `compress_ok`: which way of coding the options ask for.
-enum compression_choice { choose_raw, choose_context, choose_default };
-
-// The header's `compression` for an output file type and a choice; -1: impossible.
-constexpr int compress_ok[6][3] = {{0, -1, 0}, {-1, 1, 1}, {0, 1, 1},
-                                   {0, 1, 1},  {0, 1, 1},  {0, 1, 1}};
-constexpr int last_version = 5;
-constexpr int first_version_with_header = 2;
-
-// What the command line asks for.
-struct run_settings {
-  const char* infile = nullptr;   // "-" or null: standard input
-  const char* outfile = nullptr;  // null: standard output
-  int version = -1;               // file type of the output; -1: not given
-  compression_choice compression = choose_default;
-  unsigned long long begin = 0;  // of the transactions to convert, 0-based
-  unsigned long long end = 0x3FFFFFFF80000000;
-  unsigned window = 65535;  // bytes
-  unsigned max_contexts = 16383;
-  bool quiet = false;
-  bool show_metadata = false;
-  bool drop_comment = false;
-  const char* comment = nullptr;  // to append
-  stream sensitivity;             // data to put into the header
-  bool merge_sensitivity = false;
-  PRUV_header_t metadata;        // values for the header's fields ...
-  PRUV_header_t metadata_given;  // ... those that are 1 here
-
-  bool from_stdin() const { return !infile || std::strcmp(infile, "-") == 0; }
-  // What goes into the header's `compression`; -1: impossible.
-  int compression_flag() const { return version == -1 ? 1 : compress_ok[version][compression]; }
-};
-
-// A number as options take it: hexadecimal after 0x, octal after 0, else decimal; at most 64 bits;
-// white space may follow, nothing may stand before it.
-std::optional<unsigned long long> parse_number(std::string_view text) {
-  text = text.substr(0, text.find_last_not_of(" \t\n\v\f\r") + 1);
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-    text.remove_prefix(2);
-  } else if (text.starts_with('0')) {
-    base = 8;
-  }
-  unsigned long long value;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-// Sets the field that the second letter of an -m switch names; false if it names none.
-bool set_metadata(PRUV_header_t& header, char letter, unsigned long long value) {
-  switch (letter) {
-    case 'a':
-      header.address_length = unsigned(value);
-      return true;
-    case 'c':
-      header.cycle_count = static_cast<long long>(value);
-      return true;
-    case 'i':
-      header.inst_count = static_cast<long long>(value);
-      return true;
-    case 'l':
-      header.line_size = unsigned(value);
-      return true;
-    case 'r':
-      header.trans_count = static_cast<long long>(value);
-      return true;
-    case 's':
-      header.cache_size_kib = unsigned(value);
-      return true;
-    case 't':
-      header.threads = unsigned(value);
-      return true;
-    default:
-      return false;
-  }
-}
-
-constexpr std::string_view switches = "SstdvbeCm";  // that take a value
-constexpr std::string_view text_switches = "Sst";   // of them, those whose value is no number
-
-// Acts on one switch. `value` and `number` are its value, where it takes one. Returns the exit
-// status where the run ends here.
-std::optional<int> act_on_switch(const char* argument, const char* value, unsigned long long number,
-                                 run_settings& run) {
-  const char letter = argument[1];
-  const std::string two_letters(argument + 1, argument[2] ? 2 : 1);
-  const auto unknown = [](const std::string& name) {
-    return refuse("-" + name + " unknown switch");
-  };
-  switch (letter) {
-    case 'v':
-      if (number > last_version) return refuse("Version (-v) must be 0 - 5\n");
-      run.version = int(number);
-      break;
-    case 'c':
-      run.compression = choose_context;
-      break;
-    case 'b':
-      run.begin = number;
-      break;
-    case 'e':
-      run.end = number;
-      break;
-    case 'd':
-      run.window = unsigned(number);
-      break;
-    case 'C':
-      run.max_contexts = unsigned(number);
-      break;
-    case 'p':
-      run.show_metadata = true;
-      break;
-    case 'q':
-      run.quiet = true;
-      break;
-    case 't':
-      run.comment = value;
-      break;
-    case 'm':
-      if (!set_metadata(run.metadata, argument[2], number)) return unknown(two_letters);
-      set_metadata(run.metadata_given, argument[2], 1);
-      break;
-    case 'S':
-      run.merge_sensitivity = true;
-      [[fallthrough]];
-    case 's':
-      run.sensitivity.reset(std::fopen(value, "r"));
-      if (!run.sensitivity) return refuse(unreadable_points);
-      break;
-    case 'n':
-      switch (argument[2]) {
-        case 'c':
-          run.compression = choose_raw;
-          break;
-        case 'p':
-          run.show_metadata = false;
-          break;
-        case 'q':
-          run.quiet = false;
-          break;
-        case 't':
-          run.drop_comment = true;
-          run.comment = nullptr;
-          break;
-        default:
-          return unknown(two_letters);
-      }
-      break;
-    case 'h':
-      return complain(nullptr, success);
-    default:
-      return unknown({letter});
-  }
-  return std::nullopt;
-}
-
-// Takes the arguments from left to right. Returns the exit status where the run ends here.
-std::optional<int> scan_arguments(int argc, char** argv, run_settings& run) {
-  for (int i = 1; i < argc; ++i) {
-    const char* const argument = argv[i];
-    if (argument[0] != '-') {
-      if (run.outfile) return refuse("Multiple outputs specified");
-      (run.infile ? run.outfile : run.infile) = argument;
-    } else if (argument[1] == '\0') {
-      if (run.infile) return refuse("Multiple inputs specified");
-      run.infile = argument;
-    } else {
-      const char letter = argument[1];
-      const char* value = nullptr;
-      unsigned long long number = 0;
-      if (switches.find(letter) != switches.npos) {
-        if (++i == argc) return refuse(std::string("-") + letter + " requires a value");
-        value = argv[i];
-        if (text_switches.find(letter) == text_switches.npos) {
-          const auto parsed = parse_number(value);
-          if (!parsed)
-            return refuse(std::string("-") + letter +
-                          " takes a non-negative number without spurious text");
-          number = *parsed;
-        }
-      }
-      if (const auto status = act_on_switch(argument, value, number, run)) return status;
-    }
-  }
-  return std::nullopt;
-}
-
-// A file that is opened must not become a standard stream that was closed: messages would go into
-// an output. What takes those places fails as a closed descriptor does.
-void occupy_standard_streams() {
-  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-    if (fcntl(place, F_GETFD) == -1)
-      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
-}
-
 bool same_file(const struct stat& a, const struct stat& b) {
   return S_ISREG(a.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// An output that is also read would be emptied, or would grow for ever.
-std::optional<int> refuse_shared_file(const run_settings& run) {
+// An output that is also read would be emptied, or would grow forever.
+void refuse_shared_file(const run_settings& run) {
   struct stat read, written;
-  if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return std::nullopt;
+  if (!xfstat(run.outfile ? run.outfile : "stdout", "w", written)) return;
   if (xfstat(run.from_stdin() ? "stdin" : run.infile, "r", read) && same_file(read, written))
-    return refuse("Input and output are the same file");
-  if (run.sensitivity && fstat(fileno(run.sensitivity.get()), &read) == 0 &&
+    throw refusal{"Input and output are the same file"};
+  if (run.edits.sensitivity && fstat(fileno(run.edits.sensitivity.get()), &read) == 0 &&
       same_file(read, written))
-    return refuse("Sensitivity file and output are the same file");
-  return std::nullopt;
+    throw refusal{"Sensitivity file and output are the same file"};
 }
 
-// The kind of file that a name stands for in a stdio mode, as in st_mode; 0 for commands.
+// The file type bits of st_mode for what xfopen(name, mode) would open; 0 for commands.
 mode_t kind_of_file(const char* name, const char* mode) {
   struct stat status;
   return xfstat(name, mode, status) ? status.st_mode & S_IFMT : 0;
@@ -314,173 +96,141 @@ mode_t kind_of_file(const char* name, const char* mode) {
 
 bool is_pipe(mode_t kind) { return kind == S_IFIFO || kind == S_IFSOCK; }
 
-// A pipe with a name is gone when it is opened again. A command is run again.
+// A named pipe has lost its contents when it is opened again. A command runs again.
 bool is_read_once(const char* name) { return is_pipe(kind_of_file(name, "r")); }
 
-// Buffers for the input and for a binary output, which make system calls few. They outlive the
-// streams.
+// Buffers of the input and of a binary output, large so that system calls are few. They must
+// outlive the streams.
 constexpr std::size_t stream_buffer = 1 << 16;
 char input_buffer[stream_buffer];
 char output_buffer[stream_buffer];
 
-// Gives a stream that was just opened a buffer. Standard error, which an output may be, stays
-// without one, so that messages come in turn.
+// Gives a newly opened stream a buffer. Standard error, which can be the output, stays unbuffered,
+// so that messages keep their order.
 void set_buffer(FILE* file, char (&buffer)[stream_buffer]) {
   if (file != stderr) std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
 
-std::optional<int> open_streams(const run_settings& run, stream& in, stream& out) {
+file_ptr open_input(const run_settings& run) {
+  file_ptr in;
   if (run.from_stdin())
     in.reset(stdin);
   else if (kind_of_file(run.infile, "r") != S_IFDIR)
     in.reset(xfopen(run.infile, "r"));
-  if (!in) return refuse("Can't open input file");
+  if (!in) throw refusal{"Can't open input file"};
   set_buffer(in.get(), input_buffer);
-  if (const auto status = refuse_shared_file(run)) return status;
-  out.reset(run.outfile ? xfopen(run.outfile, "w") : stdout);
-  if (!out) return refuse("Can't open output file");
-  // A full file, or a compressor or command that ends early, is a failed write; a closed pipe on
-  // standard output ends the program quietly.
+  return in;
+}
+
+file_ptr open_output(const run_settings& run) {
+  file_ptr out(run.outfile ? xfopen(run.outfile, "w") : stdout);
+  if (!out) throw refusal{"Can't open output file"};
+  // A write fails at the size limit of files and when a compressor or command ends early. A closed
+  // pipe on standard output ends the program without a message.
   std::signal(SIGXFSZ, SIG_IGN);
   if (out.get() != stdout) std::signal(SIGPIPE, SIG_IGN);
-  return std::nullopt;
+  return out;
 }
 
-std::optional<int> refuse_impossible(const run_settings& run, FILE* out) {
-  if (run.sensitivity && run.version < first_version_with_header)
-    return refuse(
-        "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX");
-  if (run.version >= first_version_with_header && out == stdout)
-    return refuse("Can't output version 2 or higher to stdout");
+void refuse_impossible(const run_settings& run, FILE* out) {
+  if (run.edits.sensitivity && !run.stores_header())
+    throw refusal{
+        "Sensitivity data not allowed unless explicitly making a version 2-or-greater QUBIX"};
+  if (run.stores_header() && out == stdout)
+    throw refusal{"Can't output version 2 or higher to stdout"};
   if (run.compression_flag() == -1)
-    return refuse("Selected compress and version options incompatible");
-  return std::nullopt;
+    throw refusal{"Selected compress and version options incompatible"};
 }
-
-// Metadata: what the options do to the header of the input before it becomes that of the output.
-// From here to report(), everything may throw VQcomp_error.
-
-[[noreturn]] void fail_at(const char* msg, long long record) {
-  throw VQcomp_error{msg, record, 0, false};
-}
-
-constexpr int most_points = 255;
-
-// Takes one line of a sensitivity file; `line_number` is 1-based.
-sensitivity_point_t parse_point(const char* line, long long line_number) {
-  sensitivity_point_t p;
-  char behind;
-  if (std::sscanf(line, "%u %u %u %u %u %u %u %c", &p.config_type, &p.mlc_size, &p.llc_size,
-                  &p.instructions, &p.cycles, &p.llc_refs, &p.llc_misses, &behind) != 7)
-    fail_at("Trouble parsing sensitivity file", line_number);
-  if (p.config_type > 255) fail_at("Sensitivity cfg class out of range", line_number);
-  if (p.mlc_size > 65535) fail_at("Sensitivity MLC size out of range", line_number);
-  return p;
-}
-
-bool conflict(const sensitivity_point_t& a, const sensitivity_point_t& b) {
-  return a.config_type == b.config_type && a.mlc_size == b.mlc_size && a.llc_size == b.llc_size;
-}
-
-// Refuses two points of the same configuration; the first `kept` came from the input.
-void refuse_conflicts(const sensitivity_point_t* points, int count, int kept) {
-  for (int j = 1; j < count; ++j) {
-    const auto same = [&](const sensitivity_point_t& earlier) {
-      return conflict(earlier, points[j]);
-    };
-    if (std::none_of(points, points + j, same)) continue;
-    if (j >= kept) fail_at("Conflict in new sensitivity data", j - kept + 1);
-    fail_at("Conflict in old sensitivity data", j + 1);
-  }
-}
-
-// Puts the points of `file` into the header, in place of those that it holds or (`merge`) behind
-// them.
-void set_sensitivity(PRUV_header_t& header, FILE* file, bool merge) {
-  const int kept = merge ? header.sensitivity_count : 0;
-  if (kept > most_points) fail_at("Old sensitivity curve size not 0-255", kept);
-  auto points = std::make_unique<sensitivity_point_t[]>(most_points + 1);
-  std::copy_n(header.sensitivity, kept, points.get());
-  int count = kept;
-  for (char line[1000]; std::fgets(line, sizeof line, file); ++count) {
-    const int line_number = count - kept + 1;
-    if (count == most_points) fail_at("Sensitivity file max is 255 data points", line_number);
-    points[unsigned(count)] = parse_point(line, line_number);
-  }
-  if (std::ferror(file)) fail_at(unreadable_points, 0);  // a folder, for one
-  refuse_conflicts(points.get(), count, kept);
-  delete[] header.sensitivity;
-  header.sensitivity = count ? points.release() : nullptr;
-  header.sensitivity_count = count;
-}
-
-void set_given_metadata(PRUV_header_t& header, const PRUV_header_t& values,
-                        const PRUV_header_t& given) {
-  if (given.address_length) header.address_length = values.address_length;
-  if (given.cycle_count) header.cycle_count = values.cycle_count;
-  if (given.inst_count) header.inst_count = values.inst_count;
-  if (given.line_size) header.line_size = values.line_size;
-  if (given.trans_count) header.trans_count = values.trans_count;
-  if (given.cache_size_kib) header.cache_size_kib = values.cache_size_kib;
-  if (given.threads) header.threads = values.threads;
-}
-
-// An old comment is ended by a newline first, unless it is empty or ends with one.
-void append_comment(PRUV_header_t& header, const char* text) {
-  std::string comment = header.comment ? header.comment : "";
-  if (!comment.empty() && comment.back() != '\n') comment += '\n';
-  comment += text;
-  delete[] header.comment;
-  header.comment = new char[comment.size() + 1];
-  std::memcpy(header.comment, comment.c_str(), comment.size() + 1);
-}
-
-void drop_comment(PRUV_header_t& header) {
-  delete[] header.comment;
-  header.comment = nullptr;
-}
-
-void edit_header(PRUV_header_t& header, run_settings& run) {
-  if (run.sensitivity) set_sensitivity(header, run.sensitivity.get(), run.merge_sensitivity);
-  run.sensitivity.reset();
-  if (run.drop_comment) drop_comment(header);
-  set_given_metadata(header, run.metadata, run.metadata_given);
-  if (run.comment) append_comment(header, run.comment);
-}
-
-// Conversion: the transactions of one run, from the reader to the output.
 
 constexpr char cannot_read[] = "Can't read input";
 constexpr char cannot_write[] = "Can't write output";
-constexpr int block_size = 1024;
 
 [[noreturn]] void fail_to_write() {
   throw VQcomp_error{cannot_write, 0, 0, false, VQfault::cannot_write};
 }
 
-// Whether the input, read to its end, came to that by a failure: of a read, or of the process that
-// it comes from.
-bool input_failed(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
-
 [[noreturn]] void fail_to_read(bool closed) {
   throw VQcomp_error{cannot_read, 0, 0, closed, VQfault::cannot_read};
 }
 
-// Consecutive transactions of the input, which are handled together.
-class selected_batch {
- public:
-  selected_batch(velk_reader& reader, unsigned long long begin, unsigned long long end)
-      : reader_(reader), begin_(begin), end_(end) {}
+// Whether an input that has been read to its end got there by a failure: of a read, or of the
+// process that feeds the stream.
+bool ended_by_failure(FILE* in) { return std::ferror(in) != 0 || xfwait(in) != 0; }
 
-  // Reads on; false at the end of the input. Throws the reader's VQcomp_error with `closed` set.
-  bool next() {
-    index_ += read_;
+// The input of a run: its reader, and the line that shows how far it has been read.
+class trace_input {
+ public:
+  // `file` is the open input, and `name` opens it again. Throws VQcomp_error if it cannot be read.
+  trace_input(const char* name, file_ptr& file, bool watched)
+      : name_(name), file_(file), watched_(watched) {
+    start();
+  }
+
+  bool is_text() const { return reader_->is_text(); }
+
+  // Counting may read the whole input, which is then opened again. Throws VQcomp_error, and
+  // `refusal` when the input does not open again.
+  std::unique_ptr<PRUV_header_t> read_header(bool want_count) {
+    std::unique_ptr<PRUV_header_t> header(reader_->pruv_header(want_count));
+    if (reader_->needs_rewind()) {
+      count_failed_ = ended_by_failure(file_.get());
+      reopen();
+    }
+    return header;
+  }
+
+  // Reads as velk_reader does. The VQcomp_error that it throws has `closed` set.
+  std::size_t read(VQtransaction* transactions, std::size_t size) {
     try {
-      read_ = reader_.read(transactions_, std::size(transactions_));
+      const std::size_t delivered = reader_->read(transactions, size);
+      if (progress_) progress_->count(delivered);
+      if (delivered == 0) progress_.reset();
+      return delivered;
     } catch (VQcomp_error& error) {
+      progress_.reset();
       error.closed = true;
       throw;
     }
+  }
+
+  // After the end of the input: whether it could not be read completely.
+  bool failed() const { return count_failed_ || ended_by_failure(file_.get()); }
+
+ private:
+  void start() {
+    reader_.emplace(file_.get(), nullptr);
+    if (watched_) progress_.emplace(file_.get());
+    if (std::feof(file_.get()) && ended_by_failure(file_.get())) fail_to_read(false);
+  }
+
+  void reopen() {
+    progress_.reset();
+    reader_.reset();
+    file_.reset();
+    file_.reset(xfopen(name_, "r"));
+    if (!file_) throw refusal{"Can't reopen input"};
+    set_buffer(file_.get(), input_buffer);
+    start();
+  }
+
+  const char* name_;
+  file_ptr& file_;
+  bool watched_;
+  bool count_failed_ = false;
+  std::optional<velk_reader> reader_;
+  std::optional<progress_line> progress_;
+};
+
+// Consecutive transactions of the input, read at once.
+class selected_batch {
+ public:
+  selected_batch(trace_input& input, unsigned long long begin, unsigned long long end)
+      : input_(input), begin_(begin), end_(end) {}
+
+  // Reads the next batch; false at the end of the input. Throws what trace_input::read() does.
+  bool next() {
+    index_ += read_;
+    read_ = input_.read(transactions_, std::size(transactions_));
     return read_ > 0;
   }
 
@@ -499,7 +249,7 @@ class selected_batch {
                               : std::size_t(std::min<unsigned long long>(position - index_, read_));
   }
 
-  velk_reader& reader_;
+  trace_input& input_;
   unsigned long long begin_, end_;
   unsigned long long index_ = 0;  // of the first
   std::size_t read_ = 0;
@@ -517,11 +267,11 @@ void record_batch(VQcomp& compressor, FILE* out, VQtransaction* first, const VQt
   }
 }
 
-// Hands the selected transactions to the compressor. All of the input is read. Returns the error of
-// the input that ended the reading, if there was one.
-std::optional<VQcomp_error> record_selected(velk_reader& reader, VQcomp& compressor, FILE* out,
-                                            unsigned long long begin, unsigned long long end) {
-  selected_batch batch(reader, begin, end);
+// Reads all of the input and hands the selected transactions to the compressor. Returns the error
+// of the input that ended the reading, if there is one.
+std::optional<VQcomp_error> record_selected(trace_input& input, VQcomp& compressor, FILE* out,
+                                            const run_settings& run) {
+  selected_batch batch(input, run.begin, run.end);
   for (;;) {
     try {
       if (!batch.next()) return std::nullopt;
@@ -532,8 +282,8 @@ std::optional<VQcomp_error> record_selected(velk_reader& reader, VQcomp& compres
   }
 }
 
-// What to say of totals that are not in their place; null where readers do not mind.
-const char* complaint_of(VQtotals totals) {
+// The message about totals that the file does not hold as it should; null if it does.
+const char* totals_warning(VQtotals totals) {
   switch (totals) {
     case VQtotals::count_differs:
       return "Need to change transaction count: output not seekable";
@@ -546,32 +296,31 @@ const char* complaint_of(VQtotals totals) {
   }
 }
 
-// Codes the selected transactions as a QUBIX file of type `version`. Takes the header's totals as a
-// first guess and changes them to what was written. Throws VQcomp_error: with `closed` set for an
-// error of the input, after which the output is complete; else the output is not.
-void compress_stream(velk_reader* reader, FILE* out, int version, PRUV_header_t* header,
-                     unsigned window, bool quiet, unsigned long long begin,
-                     unsigned long long end) {
+// Codes the selected transactions as a QUBIX file of type `version`. Starts with the totals that
+// the header holds and changes them to what was written. Throws VQcomp_error: with `closed` set for
+// an error of the input, after which the output is complete, else incomplete.
+void compress_stream(trace_input& input, FILE* out, int version, PRUV_header_t& header,
+                     const run_settings& run) {
+  constexpr int block_size = 1024;
   set_buffer(out, output_buffer);
-  VQcomp compressor(nullptr, version, header, block_size, window);
-  const auto input_error = record_selected(*reader, compressor, out, begin, end);
-  const VQcomp_summary summary = compressor.finish(out, header);
-  if (const char* const complaint = complaint_of(summary.totals))
-    std::cerr << complaint << std::endl;
-  if (summary.contexts != 0 && !quiet)
+  VQcomp compressor(nullptr, version, &header, block_size, run.window);
+  const auto input_error = record_selected(input, compressor, out, run);
+  const VQcomp_summary summary = compressor.finish(out, &header);
+  if (const char* const warning = totals_warning(summary.totals)) std::cerr << warning << std::endl;
+  if (summary.contexts != 0 && !run.quiet)
     std::cerr << "QUBIX compressor used " << summary.contexts << " contexts with average distance "
               << summary.avg_distance << std::endl;
   if (input_error) throw *input_error;
 }
 
-// Text lines on their way to the output.
+// Writes transactions as text lines, many of them at once.
 class text_output {
  public:
   text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
       : out_(out),
         format_(header.trans_names, header.trans_name_count, with_counts),
         lines_(std::max(block, 2 * format_.max_line())) {
-    std::setvbuf(out_, nullptr, _IONBF, 0);  // the lines are gathered here
+    std::setvbuf(out_, nullptr, _IONBF, 0);  // `lines_` is the buffer
   }
 
   void put(const VQtransaction& t) {
@@ -579,7 +328,7 @@ class text_output {
     used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
   }
 
-  // False when not all could be written; the rest is not tried again.
+  // Writes what is left. False if that fails; another flush() does not try again.
   bool flush() {
     const std::size_t size = std::exchange(used_, 0);
     return std::fwrite(lines_.data(), 1, size, out_) == size;
@@ -596,16 +345,16 @@ class text_output {
 
 // Prints the selected transactions as text, one a line, with their counts if `with_counts`. Throws
 // VQcomp_error, with `closed` set for an error of the input.
-void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* header,
-                       unsigned long long begin, unsigned long long end, bool with_counts) {
-  text_output text(out, *header, with_counts);
-  selected_batch batch(*reader, begin, end);
+void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t& header, bool with_counts,
+                       const run_settings& run) {
+  text_output text(out, header, with_counts);
+  selected_batch batch(input, run.begin, run.end);
   try {
     while (batch.next()) {
       for (const VQtransaction& t : batch) {
-        if (t.trans >= header->trans_name_count)
-          fail_at("Transaction number out of range",
-                  static_cast<long long>(batch.position(&t)) + 1);
+        if (t.trans >= header.trans_name_count)
+          throw VQcomp_error{"Transaction number out of range",
+                             static_cast<long long>(batch.position(&t)) + 1, 0, false};
         text.put(t);
       }
     }
@@ -616,61 +365,43 @@ void uncompress_stream(velk_reader* reader, FILE* out, const PRUV_header_t* head
   if (!text.flush()) fail_to_write();
 }
 
-// Progress is shown on a terminal where nothing else is: not text, nor what reads a pipe or is a
-// command, a pager, say.
+// Progress is shown only where nothing else goes to the terminal: neither the output nor that of a
+// pager, for example, which reads it through a pipe.
 bool shows_progress(const run_settings& run, FILE* out) {
   if (run.quiet || !isatty(STDERR_FILENO) || isatty(fileno(out))) return false;
   const mode_t kind = kind_of_file(run.outfile ? run.outfile : "stdout", "w");
   return kind != 0 && !is_pipe(kind);
 }
 
-// Throws VQcomp_error where nothing can be read.
-std::unique_ptr<velk_reader> open_reader(FILE* in, bool watched) {
-  auto reader =
-      watched ? std::make_unique<watched_reader>(in) : std::make_unique<velk_reader>(in, nullptr);
-  if (std::feof(in) && input_failed(in)) fail_to_read(false);
-  return reader;
+// Counting takes another pass over the input: it needs a use for the count, and an input that can
+// be read twice.
+bool needs_count(const run_settings& run, FILE* in) {
+  return (run.show_metadata || run.stores_header()) && in != stdin && !is_read_once(run.infile);
 }
 
-// Everything between the opening of the streams and their closing. Returns the exit status, or
-// throws VQcomp_error.
-int convert(run_settings& run, stream& in, FILE* out) {
-  const bool watched = shows_progress(run, out);
-  auto reader = open_reader(in.get(), watched);
-  const bool text_input = reader->is_text();
-  // A count takes a reading of its own: it is made only where it will show.
-  const bool count_shows = run.show_metadata || run.version >= first_version_with_header;
-  const bool want_count = count_shows && in.get() != stdin && !is_read_once(run.infile);
-  const std::unique_ptr<PRUV_header_t> header(reader->pruv_header(want_count));
-  bool failed = false;
-  if (reader->needs_rewind()) {
-    failed = input_failed(in.get());
-    reader.reset();
-    in.reset();
-    in.reset(xfopen(run.infile, "r"));
-    if (!in) return refuse("Can't reopen input");
-    set_buffer(in.get(), input_buffer);
-    reader = open_reader(in.get(), watched);
-  }
+// Converts the open input. Returns the exit status; throws VQcomp_error and `refusal`.
+int convert(run_settings& run, file_ptr& in, FILE* out) {
+  trace_input input(run.infile, in, shows_progress(run, out));
+  const bool text_input = input.is_text();
+  const auto header = input.read_header(needs_count(run, in.get()));
   if (run.show_metadata) std::cerr << "METADATA FROM INPUT:" << std::endl << *header;
 
   const int version = text_input && run.version == -1 ? 1 : run.version;
   const bool counts_stored = header->version == 3 || header->version == 5;
   header->compression = unsigned(run.compression_flag());
-  edit_header(*header, run);
+  edit_header(*header, run.edits);
   if (version == -1) {
-    uncompress_stream(reader.get(), out, header.get(), run.begin, run.end, counts_stored);
+    uncompress_stream(input, out, *header, counts_stored, run);
   } else {
     header->max_contexts = run.max_contexts;
-    compress_stream(reader.get(), out, version, header.get(), run.window, run.quiet, run.begin,
-                    run.end);
+    compress_stream(input, out, version, *header, run);
   }
-  if (failed || input_failed(in.get())) fail_to_read(true);
+  if (input.failed()) fail_to_read(true);
   return success;
 }
 
-// Prints an error that ended the conversion; returns the exit status. How far a failed read had
-// come is not where the fault lies.
+// Prints an error that ended the conversion; returns the exit status. For a failed read, the
+// position would mislead: the fault does not lie in the trace.
 int report(const VQcomp_error& error) {
   std::cerr << (error.fault == VQfault::cannot_read ? error.msg : error.str()) << std::endl;
   if (!error.closed) return failure;
@@ -684,47 +415,84 @@ int report(const VQcomp_error& error) {
   return closed_failure;
 }
 
-// Closes both; a success or a well-formed output is one only when all of it was written. A closed
-// descriptor takes nothing, not even an empty output.
-int close_streams(stream& in, stream& out, int status) {
+// Returns `status`; but throws VQcomp_error if that calls the output complete or well formed and
+// not all of it was written. On a closed descriptor not even an empty output counts as written.
+int close_files(file_ptr& in, file_ptr& out, int status) {
   in.reset();
   const bool writable = (fcntl(fileno(out.get()), F_GETFL) & O_ACCMODE) != O_RDONLY;
   const bool written = std::ferror(out.get()) == 0;
-  if ((xfclose(out.release()) == 0 && written && writable) || status == failure) return status;
-  std::cerr << cannot_write << std::endl;
-  return failure;
+  const bool closed = xfclose(out.release()) == 0;
+  if (status != failure && !(writable && written && closed)) fail_to_write();
+  return status;
+}
+
+// Prints a refusal, or the help if `msg` is null; returns `status`.
+int complain(const char* msg, int status) {
+  if (msg) {
+    std::cerr << msg << std::endl << std::endl << "See 'vqpack -h' for help" << std::endl;
+  } else {
+    for (const char* const line : long_help) std::cerr << line << std::endl;
+  }
+  return status;
+}
+
+// Returns what `work` returns, an exit status; prints what it throws and returns the status for
+// that.
+template <class Work>
+int exit_status(Work work) {
+  try {
+    return work();
+  } catch (const refusal& refused) {
+    return complain(refused.message.c_str(), failure);
+  } catch (const help_request&) {
+    return complain(nullptr, success);
+  } catch (const VQcomp_error& error) {
+    return report(error);
+  }
+}
+
+// A file must not be opened as a standard stream that was closed: messages would go into an output.
+// What takes the place of such a stream fails like a closed descriptor.
+void occupy_standard_streams() {
+  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (fcntl(place, F_GETFD) == -1)
+      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+}
+
+// Corrects what the program may inherit: closed standard streams, an ignored SIGCHLD.
+void prepare_process() {
+  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
+  occupy_standard_streams();
+  std::signal(SIGCHLD, SIG_DFL);  // if ignored, the statuses of children are lost
 }
 
 // Returns the exit status.
 int run_command(int argc, char** argv) {
-  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
-  occupy_standard_streams();
-  std::signal(SIGCHLD,
-              SIG_DFL);  // ignored, as some parents leave it, it takes the status of children
+  prepare_process();
   run_settings run;
-  stream in, out;
-  if (const auto status = scan_arguments(argc, argv, run)) return *status;
-  if (const auto status = open_streams(run, in, out)) return *status;
-  if (const auto status = refuse_impossible(run, out.get())) return *status;
-  int status;
-  try {
-    status = convert(run, in, out.get());
-  } catch (const VQcomp_error& error) {
-    status = report(error);
-  }
-  return close_streams(in, out, status);
+  file_ptr in, out;  // still open while exit_status() prints a refusal
+  return exit_status([&] {
+    scan_arguments(argc, argv, run);
+    in = open_input(run);
+    refuse_shared_file(run);
+    out = open_output(run);
+    refuse_impossible(run, out.get());
+    const int status = exit_status([&] { return convert(run, in, out.get()); });
+    return close_files(in, out, status);
+  });
 }
 
-int run_out_of_memory() {
+int report_out_of_memory() {
   constexpr char message[] = "Out of memory\n";
   static_cast<void>(!write(STDERR_FILENO, message, sizeof message - 1));
   return failure;
 }
 
-// The runtime keeps some memory for exceptions; where it has none, no exception comes into being.
+// The runtime reserves some memory for exceptions. Where that, too, is used up, it terminates
+// without an exception.
 [[noreturn]] void end_without_exception() {
   if (std::current_exception()) std::abort();
-  std::_Exit(run_out_of_memory());
+  std::_Exit(report_out_of_memory());
 }
 
 }  // namespace
@@ -734,6 +502,6 @@ int main(int argc, char** argv) {
   try {
     return run_command(argc, argv);
   } catch (const std::bad_alloc&) {
-    return run_out_of_memory();
+    return report_out_of_memory();
   }
 }

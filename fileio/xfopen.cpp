@@ -1,4 +1,4 @@
-#include "xfopen.h"
+#include "fileio/xfopen.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -14,38 +15,34 @@
 #include <string_view>
 #include <utility>
 
-#undef NDEBUG  // the one assertion here is worth its time in every build
-#include <cassert>
-
 namespace {
 
 // A stream from or to a process.
 struct pfile {
   FILE* fp;
-  pid_t process;  // 0: has been waited for
-  int status;     // of its end then
+  pid_t process;  // 0 once it has been waited for
+  int status;     // its wait status from then on
   std::unique_ptr<pfile> next;
 };
 
 std::unique_ptr<pfile> pfiles;  // newest first
 
-// The place in `pfiles` that holds `fp`, or the end of the list.
+// The link of `pfiles` that owns the entry of `fp`; the null link at the end if there is none.
 std::unique_ptr<pfile>& find_pfile(FILE* fp) {
   std::unique_ptr<pfile>* pfp = &pfiles;
   while (*pfp && (*pfp)->fp != fp) pfp = &(*pfp)->next;
   return *pfp;
 }
 
-// A stream that is in the list was closed without xfclose().
+// A new stream that is already in the list was closed last time without xfclose().
 FILE* checked_new(FILE* fp) {
-  for (const std::unique_ptr<pfile>* pfp = &pfiles; *pfp; pfp = &(*pfp)->next)
-    assert((*pfp)->fp != fp);
+  assert(!find_pfile(fp));
   return fp;
 }
 
 class descriptor {
  public:
-  // Moved above the standard ones, which dup2 will overwrite in the child.
+  // Moves `fd` above the standard descriptors, which dup2() overwrites in the child.
   explicit descriptor(int fd) : fd_(fd) {
     if (fd_ < 0 || fd_ > STDERR_FILENO) return;
     fd_ = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -80,8 +77,8 @@ int wait_for(pid_t process) {
   return status;
 }
 
-// Runs the program with `input` and `output` as its standard streams, those that are open. Returns
-// its process number, 0 on failure.
+// Runs the program. `input` and `output`, if open, become its standard streams. Returns its process
+// number, 0 on failure.
 pid_t spawn(const char* const argv[], const descriptor& input, const descriptor& output) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -106,7 +103,7 @@ pid_t spawn(const char* const argv[], const descriptor& input, const descriptor&
 }
 
 // Opens a pipe from the program's standard output (`reading`) or to its standard input; `file`, if
-// open, is the other of the two.
+// open, becomes the other of the two.
 FILE* open_pipe(const char* const argv[], bool reading, const descriptor& file) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return nullptr;
@@ -154,7 +151,7 @@ constexpr char bzip2[] = "/usr/bin/bzip2";
 
 bool can_read(const std::string& name) { return access(name.c_str(), R_OK) == 0; }
 
-// A name that is a suffix and nothing else is an ordinary name.
+// A name that consists of the suffix alone is an ordinary name.
 bool has_suffix(std::string_view name, std::string_view suffix) {
   return name.size() > suffix.size() && name.ends_with(suffix);
 }
@@ -175,7 +172,7 @@ FILE* standard_stream(const std::string& name, const char* mode) {
   return nullptr;
 }
 
-// The file that is read where `name` is asked for; an empty name when there is none.
+// The name of the file to read for `name`; empty if there is none.
 std::string find_file(const std::string& name) {
   if (is_compressed(name)) return name;
   for (const char* const suffix : {"", ".gz", ".bz2"})
@@ -194,11 +191,11 @@ FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {
   return checked_new(std::fopen(file.c_str(), mode));
 }
 
-// The status with which the stream's process ends, if there is one.
-int status_of(const std::unique_ptr<pfile>& place) {
-  if (!place) return 0;
-  if (place->process) place->status = wait_for(std::exchange(place->process, 0));
-  return place->status;
+// Waits for the stream's process, if there is one; returns its wait status, 0 if there is none.
+int status_of(const std::unique_ptr<pfile>& entry) {
+  if (!entry) return 0;
+  if (entry->process) entry->status = wait_for(std::exchange(entry->process, 0));
+  return entry->status;
 }
 
 }  // namespace
@@ -217,10 +214,10 @@ bool xfstat(const char* name, const char* mode, struct stat& status) {
 int xfwait(FILE* stream) { return status_of(find_pfile(stream)); }
 
 int xfclose(FILE* stream) {
-  std::unique_ptr<pfile>& place = find_pfile(stream);
-  const std::unique_ptr<pfile> taken = std::move(place);
-  if (taken) place = std::move(taken->next);
+  std::unique_ptr<pfile>& link = find_pfile(stream);
+  const std::unique_ptr<pfile> entry = std::move(link);
+  if (entry) link = std::move(entry->next);
   const int closed = std::fclose(stream);
-  const int status = status_of(taken);
+  const int status = status_of(entry);
   return status ? status : closed;
 }
