@@ -202,8 +202,10 @@ unsigned long long trace_input::recorded_length() {
 unsigned long long trace_input::trailing_length() {
   unsigned char trailer[trailer_bytes];
   if (fseeko(file_, -trailer_bytes, SEEK_END) == 0) {
-    if (read_bytes(file_, trailer, sizeof trailer) != sizeof trailer)
+    if (read_bytes(file_, trailer, sizeof trailer) != sizeof trailer) {
+      if (std::ferror(file_)) fail(VQfault::cannot_read, cannot_read);
       fail(VQfault::bad_input, "Error reading length from QUBIX");
+    }
   } else {
     while (chunk_len_ == chunk_size) chunk_len_ = int(read_bytes(file_, chunk_, sizeof chunk_));
     // After the end of a short chunk stands the end of the chunk before it.

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -211,6 +212,7 @@ class compressor {
   void flush_pending_repeat();
   void put_byte(unsigned value) { *at(used_++) = static_cast<unsigned char>(value); }
 
+  void hand_out();
   VQtotals put_count(FILE* file, long long end);
   VQtotals rewrite_header(FILE* file, long long end, PRUV_header_t& header,
                           unsigned address_length);
@@ -224,6 +226,11 @@ class compressor {
   unsigned max_agent_;  // that fits
   bool compressed_;     // context-coded
   int hdr_bytes_;       // as VQcomp::hdr_len
+  // Of the header that the constructor stored: the totals, and what the records depend on.
+  struct {
+    long long trans_count;
+    unsigned address_length, compression, max_contexts;
+  } stored_{};
   codec_function codec_;
   context_list contexts_;
   checksum crc_;
@@ -231,6 +238,7 @@ class compressor {
   int mark_;                     // the latest record's first byte; all before it is final
   unsigned pending_repeat_ = 0;  // repeats of the latest record that are not yet written
   bool agent_escape_ = false;    // agents are stop-bit numbers from now on
+  bool preamble_only_ = true;    // holds the buffer, or held it when it was last handed out
   bool finished_ = false;
   unsigned addr_bits_ = 4;      // bit length of the largest address so far
   long long record_count_ = 0;  // transactions recorded or refused so far
@@ -282,6 +290,8 @@ void compressor::put_preamble(PRUV_header_t* header) {
     header->version = version_;
     header->drop_trans_names();
     encoded.reset(VQcomp::pruv_header_struct_to_bytes(*header, hdr_bytes_));
+    stored_ = {header->trans_count, header->address_length, header->compression,
+               header->max_contexts};
   }
   used_ = mark_ = preamble_offset + hdr_bytes_;
   const int room = std::max(block_size_, used_) + spare_bytes;
@@ -319,7 +329,7 @@ void compressor::end(bool aborted) {
 // and one record there is room.
 void compressor::require_turn() const {
   if (finished_) refuse("Output has already been finished", VQfault::misuse);
-  if (ready() && record_count_ > 0) refuse("Previous block hasn't been written", VQfault::misuse);
+  if (ready() && !preamble_only_) refuse("Previous block hasn't been written", VQfault::misuse);
 }
 
 // Cuts the address as the file does, and returns the message of a refusal, or null.
@@ -364,6 +374,7 @@ std::size_t compressor::record(VQtransaction* transactions, std::size_t size) {
     if (coded < accepted) accept(transactions + done, coded, addresses);  // without the others'
     addr_bits_ = std::max(addr_bits_, unsigned(std::bit_width(addresses)));
     record_count_ += static_cast<long long>(coded);
+    preamble_only_ = false;
     done += coded;
     if (out_ && ready()) write_block();
   } while (done < size && !ready());
@@ -373,10 +384,15 @@ std::size_t compressor::record(VQtransaction* transactions, std::size_t size) {
 void compressor::write_block() {
   if (std::fwrite(at(0), 1, std::size_t(mark_), out_) != std::size_t(mark_))
     refuse(cannot_write, VQfault::cannot_write);
-  reset_buffer();
+  hand_out();
 }
 
 void compressor::reset_buffer() {
+  if (!ready() && !finished_) refuse("No block is ready", VQfault::misuse);
+  hand_out();
+}
+
+void compressor::hand_out() {
   std::memmove(at(0), at(mark_), std::size_t(used_ - mark_));
   handed_out_ += mark_;
   used_ -= mark_;
@@ -523,9 +539,9 @@ VQcomp_summary compressor::finish(FILE* file, PRUV_header_t* header) {
   write_bytes(file, at(0), body);
   if (!has_header(version_)) {
     summary.totals = put_count(file, end);
-    reset_buffer();
+    hand_out();
   } else {
-    reset_buffer();
+    hand_out();
     summary.totals = rewrite_header(file, end, *header, summary.address_length);
   }
   return summary;
@@ -542,12 +558,15 @@ VQtotals compressor::put_count(FILE* file, long long end) {
 VQtotals compressor::rewrite_header(FILE* file, long long end, PRUV_header_t& header,
                                     unsigned address_length) {
   if (!seek_to_preamble(file, end)) {
-    if (header.trans_count != record_count_) return VQtotals::count_differs;
-    return header.address_length == address_length ? VQtotals::in_place
-                                                   : VQtotals::address_length_differs;
+    if (stored_.trans_count != record_count_) return VQtotals::count_differs;
+    return stored_.address_length == address_length ? VQtotals::in_place
+                                                    : VQtotals::address_length_differs;
   }
   header.trans_count = record_count_;
   header.address_length = address_length;
+  header.version = version_;
+  header.compression = stored_.compression;
+  header.max_contexts = stored_.max_contexts;
   int size;
   const std::unique_ptr<unsigned char[]> bytes(VQcomp::pruv_header_struct_to_bytes(header, size));
   if (size == hdr_bytes_) write_bytes(file, bytes.get(), size);
@@ -563,7 +582,12 @@ VQcomp::VQcomp(FILE* out, int version, PRUV_header_t* header, int size, long lon
 VQcomp::~VQcomp() noexcept(false) { coder->end(aborted); }
 
 std::size_t VQcomp::record(VQtransaction* transactions, std::size_t size) {
-  return coder->record(transactions, size);
+  try {
+    return coder->record(transactions, size);
+  } catch (const std::bad_alloc&) {
+    aborted = true;
+    throw;
+  }
 }
 
 void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned count) {
@@ -575,7 +599,12 @@ void VQcomp::record(velk_trans_class trans, long long addr, int agent, unsigned 
 int VQcomp::ready() const { return coder->ready(); }
 
 VQcomp_summary VQcomp::finish(FILE* file, PRUV_header_t* header) {
-  return coder->finish(file, header);
+  try {
+    return coder->finish(file, header);
+  } catch (...) {
+    aborted = true;
+    throw;
+  }
 }
 
 int VQcomp::finish(unsigned& contexts, unsigned& avg_distance, unsigned& address_bits) {

@@ -241,13 +241,13 @@ class VQCOMP_EXPORT VQcomp {
   // Completes the file: writes what is left to `file`, which must have received all blocks so far
   // and nothing after them, and then puts the true totals at its start: in types 0 and 1 the count;
   // in types 2 to 5 the header as it is now, with `trans_count` and `address_length` set to the
-  // true ones. The stream's position is then the end of the file. A stream that cannot seek, in
-  // which the file does not start at offset 0, or whose descriptor appends, is left as it is, and
-  // the summary says what its start holds. `header` is the constructor's for types 2 to 5, and must
-  // keep the lengths of its strings and lists; types 0 and 1 do not look at it. Throws
-  // VQcomp_error, without positions: "Can't write output", and what pruv_header_struct_to_bytes()
-  // throws; for a call out of order as record() does. Does not flush or close `file`, which the
-  // caller still has to check.
+  // true ones and what the records depend on to what it was. The stream's position is then the end
+  // of the file. A stream that cannot seek, in which the file does not start at offset 0, or whose
+  // descriptor appends, is left as it is, and the summary says what its start holds. `header` is
+  // the constructor's for types 2 to 5, and must keep the lengths of its strings and lists; types 0
+  // and 1 do not look at it. Throws VQcomp_error, without positions: "Can't write output", and what
+  // pruv_header_struct_to_bytes() throws; for a call out of order as record() does. Does not flush
+  // or close `file`, which the caller still has to check.
   VQcomp_summary finish(FILE* file, PRUV_header_t* header);
 
   // The same for a caller who writes the bytes: completes the file in `buffer` and returns the
@@ -257,7 +257,8 @@ class VQCOMP_EXPORT VQcomp {
   // `trans_count` or `address_length` turned out different. The outputs are as in VQcomp_summary.
   int finish(unsigned& contexts, unsigned& avg_distance, unsigned& address_bits);
 
-  // Drops the bytes that have been handed out.
+  // Drops the bytes that have been handed out. Throws VQcomp_error "No block is ready" where none
+  // have.
   void reset_buffer();
 
   // The CRC of a header's field values and, in `size`, what its size field must hold: the encoded
@@ -272,7 +273,8 @@ class VQCOMP_EXPORT VQcomp {
 
   std::unique_ptr<unsigned char[]> buffer;  // the bytes of the file that were not yet handed out
   int hdr_len;                              // bytes between the type byte and the first record
-  bool aborted = false;  // set by a caller that gives up: the destructor then stays silent
+  bool aborted = false;  // set by a caller that gives up, where finish(FILE*, ...) fails and where
+                         // memory runs out: the destructor then stays silent
 
  private:
   std::unique_ptr<vqpack::detail::compressor> coder;

@@ -233,6 +233,8 @@ void decompressor::take_input(int bytes) {
 // Ensures that a record can be started: that either more than `margin_` bytes lie ahead, or all
 // that are left of the input. False when another chunk is needed for that.
 bool decompressor::look_ahead() {
+  if (!codec_ && (finished_ || header_left_ == 0))
+    fail_here(ends_early, base_);  // no good preamble
   if (head_ < startable_end()) return true;
   if (finished_) fail_here("Input ends early", base_ + tail_);
   if (header_left_ > 0 || input_left_ == 0) return false;
