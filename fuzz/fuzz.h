@@ -18,7 +18,7 @@ inline void require(bool holds, const char* what) {
   std::abort();
 }
 
-// Takes choices off the front of the input; they are 0 behind its end.
+// Takes choices off the front of the input; they are 0 past its end.
 class fuzz_input {
  public:
   fuzz_input(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}

@@ -9,7 +9,7 @@ constexpr char usual_line[] = "MEMRD64B 0000001040 00 7 0 .... and words to fill
 constexpr std::size_t usual_bytes = sizeof usual_line - 1;
 static_assert(usual_bytes == 64);
 
-// Behind `lines` usual lines, which the readers have passed.
+// After `lines` usual lines, which the readers have passed.
 struct line_input {
   line_input(bytes& text, std::size_t lines, velk_reader::name_parser names)
       : file(open_bytes(text)), reader(file.get(), names) {

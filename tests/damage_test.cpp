@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <utility>
 
 #include "support.h"
 
@@ -129,53 +128,7 @@ TEST(Damage, EveryChangeOfAByteIsNoticedOrHarmless) {
   }
 }
 
-// What comes out of `file` depends on no cut into two chunks, and on no cut into many.
-void expect_same_in_chunks(const bytes& file, std::mt19937& random, const sample& s) {
-  const decoded wanted = decode_at_once(file);
-  const auto expect_same = [&](const decoded& read, int cut) {
-    ASSERT_TRUE(read.transactions == wanted.transactions) << s << " cut at " << cut;
-    ASSERT_EQ(without_place(read.error), without_place(wanted.error)) << s << " cut at " << cut;
-  };
-  for (int cut = 5; cut < int(file.size()); ++cut) {
-    int next = cut;
-    expect_same(decode(
-                    file, [&] { return std::exchange(next, 1 << 16); }, 64, 1 + random() % 64),
-                cut);
-  }
-  for (int round = 0; round < 3; ++round) {
-    const unsigned longest = 1u << random() % 8;
-    const auto next = [&, first = true]() mutable {
-      return std::exchange(first, false) ? 5 : int(1 + random() % longest);
-    };
-    expect_same(decode(file, next, 64), 0);
-  }
-}
-
-TEST(Damage, ChunksDoNotMatter) {
-  std::mt19937 random(5);
-  for (sample& s : all_samples()) {
-    expect_same_in_chunks(s.file, random, s);
-    for (auto end = s.file.end(); s.file.end() - end < 12;)
-      expect_same_in_chunks(bytes(s.file.begin(), --end), random, s);
-    s.file.push_back(0);
-    expect_same_in_chunks(s.file, random, s);
-    s.file.pop_back();
-    if (s.c.compressed) {  // an end marker of many bytes
-      bytes longer = s.file;
-      longer.insert(longer.end() - std::ptrdiff_t(end_size(s.c)) + 1, 18, 0);
-      ASSERT_TRUE(decode_at_once(longer).transactions == s.transactions);
-      expect_same_in_chunks(longer, random, s);
-    }
-    // The lists are not worth the time.
-    for (std::size_t at = 0; at < s.file.size() && !s.lists; ++at) {
-      bytes damaged = s.file;
-      damaged[at] = static_cast<unsigned char>(damaged[at] ^ (1 + random() % 255));
-      expect_same_in_chunks(damaged, random, s);
-    }
-  }
-}
-
-// A number in pieces was taken together with what an earlier refill had left behind them.
+// A number in pieces was taken together with what an earlier refill had left in the buffer.
 TEST(Damage, ChunksDoNotMatterForMillionsOfBytes) {
   const coding c{1, true};
   const trace transactions = small_trace(c);

@@ -1,5 +1,5 @@
-// What the unit tests share: traces, the road from a trace to a QUBIX file and back, and a checksum
-// in its plainest form.
+// What the unit tests share: traces, a trace to a QUBIX file and back, and a checksum in its
+// plainest form.
 #pragma once
 
 #include <algorithm>
@@ -46,7 +46,15 @@ struct coder_limits {
   long long window = 65535;
   unsigned max_contexts = 0;
   int block_size = 84;
+  std::size_t batch = 0;  // transactions that the coder gets at once; 0: one, by the other call
 };
+
+inline std::unique_ptr<PRUV_header_t> make_header(coding c, const trace& transactions) {
+  auto header = std::make_unique<PRUV_header_t>();
+  header->compression = c.compressed;
+  header->trans_count = static_cast<long long>(transactions.size());
+  return header;
+}
 
 inline bytes from_hex(const std::string& text) {
   std::istringstream from(text);
@@ -55,31 +63,34 @@ inline bytes from_hex(const std::string& text) {
   return result;
 }
 
-// The whole file as a pipe would receive it. Block by block, as a caller without a stream does it.
+// The whole file as a pipe would receive it, block by block, as a caller without a stream does it.
 inline bytes encode(const trace& transactions, coding c, coder_limits limits = {}) {
-  PRUV_header_t header;
-  header.compression = c.compressed;
-  header.max_contexts = limits.max_contexts;
-  header.trans_count = static_cast<long long>(transactions.size());
-  VQcomp coder(nullptr, c.version, &header, limits.block_size, limits.window);
+  const auto header = make_header(c, transactions);
+  header->max_contexts = limits.max_contexts;
+  VQcomp coder(nullptr, c.version, header.get(), limits.block_size, limits.window);
   bytes file;
   const auto take = [&](unsigned size) {
     file.insert(file.end(), coder.buffer.get(), coder.buffer.get() + size);
     coder.reset_buffer();
   };
-  for (const transaction& t : transactions) {
-    try {
-      coder.record(t.trans, t.addr, t.agent, t.count);
+  std::vector<VQtransaction> given;
+  for (const transaction& t : transactions) given.push_back({t.addr, t.agent, t.count, t.trans});
+  for (std::size_t done = 0; done < given.size();) try {
+      const VQtransaction t = given[done];
+      if (limits.batch > 0)
+        done += coder.record(&given[done], std::min(limits.batch, given.size() - done));
+      else
+        ++done, coder.record(t.trans, t.addr, t.agent, t.count);
+      if (coder.ready()) take(unsigned(coder.ready()));
     } catch (const VQcomp_block& block) {
       take(block.bytes);
     }
-  }
   unsigned contexts, distance, bits;
   take(unsigned(coder.finish(contexts, distance, bits)));
   return file;
 }
 
-// Bytes before the first record and behind the last in what encode() gives.
+// Bytes before the first record and after the last in what encode() gives without a context limit.
 inline std::size_t preamble_size(coding c) { return c.version < 2 ? 7 : c.version < 4 ? 38 : 56; }
 inline std::size_t end_size(coding c) {
   return (c.compressed ? 3u : 1u) + 4u + (c.version < 2 ? 4u : 0u);
@@ -91,7 +102,7 @@ struct decoded {
   bool operator==(const decoded&) const = default;
 };
 
-// An error without the one position that depends on the chunks, that behind an end marker.
+// An error without the one position that depends on the chunks, that after an end marker.
 inline std::string without_place(const std::string& error) {
   return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
                                                           : error;
@@ -108,21 +119,21 @@ inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
 }
 
 // Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it,
-// and in helpings; 0 is one at a time. A damaged repeat count stands for billions of transactions,
-// of which `most` are taken.
+// and takes `batch` transactions at once; 0 is one, by the other call. A damaged repeat count
+// stands for billions of transactions, of which `most` are taken.
 template <class NextSize>
 decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
-               std::size_t helping = 0) {
+               std::size_t batch = 0) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
-  std::vector<VQtransaction> taken(std::max<std::size_t>(helping, 1));
+  std::vector<VQtransaction> taken(std::max<std::size_t>(batch, 1));
   auto from = file.begin();
   try {
     while (result.transactions.size() <= most) {
       const std::size_t left = most + 1 - result.transactions.size();
-      const std::size_t size = helping ? decoder.read(taken.data(), std::min(helping, left))
-                                       : read_one(decoder, taken[0]);
+      const std::size_t size =
+          batch ? decoder.read(taken.data(), std::min(batch, left)) : read_one(decoder, taken[0]);
       for (std::size_t i = 0; i < size; ++i)
         result.transactions.push_back(
             {taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
