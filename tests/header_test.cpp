@@ -5,8 +5,6 @@
 
 #include "support.h"
 
-using namespace vqpack::detail;
-
 namespace {
 
 using header_ptr = std::unique_ptr<PRUV_header_t>;
@@ -139,8 +137,8 @@ TEST(Header, DecoderRefuses) {
       {"no tag", 4, 54, 0, 0, early + ", at byte 57"},
       {"half a context limit", 4, 57, 0, 0, early + ", at byte 60"},
       {"an unknown tag", 4, 0, 54, 2, "Unknown expansion field in PRUV header, at byte 57"},
-      {"a byte behind the last tag", 4, 61, 0, 0, junk + ", at byte 64"},
-      {"a byte behind the lists", 2, 36, 0, 0, junk + ", at byte 39"},
+      {"a byte after the last tag", 4, 61, 0, 0, junk + ", at byte 64"},
+      {"a byte after the lists", 2, 36, 0, 0, junk + ", at byte 39"},
       {"a changed cache size", 2, 0, 5, 0x30, crc + ", at byte 29"},
       {"a changed comment", 4, 0, 51, 'H', crc + ", at byte 45"},
   };
@@ -191,22 +189,42 @@ TEST(Header, EncoderRefusesWhatItsFieldsCannotHold) {
                              : "Given trans/inst/cycle count too large for this header type");
     }
     const header_ptr header = small_header(version);
-    header->sensitivity = new sensitivity_point_t[256]{{0, 65536, 0, 0, 0, 0, 0}};
-    for (const auto& [count, error] : {std::pair(1, "sensitivity MLC size above 65535"),
-                                       std::pair(256, "more than 255 sensitivity points")}) {
-      header->sensitivity_count = count;
-      EXPECT_EQ(error_of([&] { to_bytes(*header); }), std::string("PRUV header: ") + error);
-    }
-  }
-  for (const auto length : {&h::extra_shorts_1_count, &h::trans_name_count, &h::extra_string_count,
-                            &h::extra_shorts_2_count, &h::sensitivity_count}) {
-    const header_ptr header = small_header(4);
-    (*header).*length = -1;
-    EXPECT_EQ(error_of([&] { to_bytes(*header); }), "PRUV header: negative length of a list");
+    header->sensitivity = new sensitivity_point_t[1]{};
+    header->sensitivity_count = 1;
+    header->sensitivity[0].mlc_size = 65536;
+    EXPECT_EQ(error_of([&] { to_bytes(*header); }),
+              "PRUV header: sensitivity MLC size above 65535");
+    header->sensitivity[0].config_type = 256;
+    EXPECT_EQ(error_of([&] { to_bytes(*header); }),
+              "PRUV header: sensitivity configuration type above 255");
   }
   for (const int version : {1, 6})
     EXPECT_EQ(error_of([=] { to_bytes(*small_header(version)); }),
               "Internal error: header type corrupted");
+}
+
+TEST(Header, ListsHave255EntriesAtMost) {
+  for (const int count : {-1, 0, 255, 256}) {
+    const std::string error = count < 0 ? "PRUV header: negative length of a list" : "no error";
+    const auto encode_with = [&](auto list, auto& entries, auto length, const char* what) {
+      const header_ptr h = small_header(4);
+      (*h).*list = entries;
+      (*h).*length = count;
+      EXPECT_EQ(error_of([&] { EXPECT_EQ(to_bytes(*from_bytes(to_bytes(*h), 4)), to_bytes(*h)); }),
+                count > 255 ? std::string("PRUV header: more than 255 ") + what : error);
+      (*h).*list = nullptr;
+      (*h).*length = 0;
+    };
+    using h = PRUV_header_t;
+    short shorts[256] = {};
+    char* strings[256] = {};
+    sensitivity_point_t points[256] = {};
+    encode_with(&h::extra_shorts_1, shorts, &h::extra_shorts_1_count, "extra shorts 1");
+    encode_with(&h::trans_names, strings, &h::trans_name_count, "transaction names");
+    encode_with(&h::extra_strings, strings, &h::extra_string_count, "extra strings");
+    encode_with(&h::extra_shorts_2, shorts, &h::extra_shorts_2_count, "extra shorts 2");
+    encode_with(&h::sensitivity, points, &h::sensitivity_count, "sensitivity points");
+  }
 }
 
 TEST(Header, TheSizeFieldLimitsTheComment) {

@@ -28,16 +28,15 @@ namespace {
 
 void code_and_decode(const trace& transactions, coding c) {
   const file_ptr file(std::tmpfile());
-  PRUV_header_t header;
-  header.compression = c.compressed;
-  header.comment = new char[3]{"hi"};
-  header.extra_strings = new char* [2] {};
-  header.extra_string_count = 2;
-  header.extra_shorts_1 = new short[2]{};
-  header.extra_shorts_1_count = 2;
-  VQcomp coder(file.get(), c.version, &header, 84, 65535);
+  const auto header = make_header(c, transactions);
+  header->comment = new char[3]{"hi"};
+  header->extra_strings = new char* [2] {};
+  header->extra_string_count = 2;
+  header->extra_shorts_1 = new short[2]{};
+  header->extra_shorts_1_count = 2;
+  VQcomp coder(file.get(), c.version, header.get(), 84, 65535);
   for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
-  coder.finish(file.get(), &header);
+  coder.finish(file.get(), header.get());
   std::rewind(file.get());
   velk_reader reader(file.get(), nullptr);
   const std::unique_ptr<PRUV_header_t> read(reader.pruv_header(false));

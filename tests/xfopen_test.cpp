@@ -54,10 +54,13 @@ TEST_F(Files, ReadingTriesOtherNames) {
   write("both", "plain");
   EXPECT_EQ(read("both"), "plain");
   EXPECT_EQ(read("none"), "null");
+  write("none.gz.gz", "another");
+  write("none.bz2.gz", "another");
   EXPECT_EQ(read("none.gz"), "null");
+  EXPECT_EQ(read("none.bz2"), "null");
 }
 
-TEST_F(Files, ClosingTellsOfFailures) {
+TEST_F(Files, ClosingReportsFailures) {
   const int status = write("|cat >copy; exit 3", "text");
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
   EXPECT_EQ(write("/dev/full", "text"), EOF);
@@ -65,6 +68,15 @@ TEST_F(Files, ClosingTellsOfFailures) {
   FILE* const file = xfopen("damaged.gz", "r");
   EXPECT_EQ(std::fgetc(file), EOF);
   EXPECT_NE(xfclose(file), 0);
+}
+
+TEST_F(Files, ProcessesThatCannotStart) {
+  EXPECT_EQ(xfopen(('|' + std::string(1 << 18, 'x')).c_str(), "w"), nullptr);
+  setenv("TOO_LONG", std::string(1 << 18, 'x').c_str(), 1);
+  EXPECT_EQ(write("a.gz", "text"), -2);
+  EXPECT_EQ(read("true|"), "null");
+  unsetenv("TOO_LONG");
+  EXPECT_EQ(write("a.gz", "text"), 0);
 }
 
 TEST_F(Files, ModesOfCompressedFiles) {
