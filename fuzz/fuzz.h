@@ -36,8 +36,3 @@ class fuzz_input {
   const std::uint8_t* at_;
   const std::uint8_t* end_;
 };
-
-// A file that is read from memory, which must outlive it.
-inline file_ptr open_bytes(bytes& data) {
-  return file_ptr(fmemopen(data.data(), data.size(), "r"));
-}

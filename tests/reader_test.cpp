@@ -28,21 +28,13 @@ file_ptr pipe_of(const std::string& text) {
 
 std::string text_of(const bytes& data) { return std::string(data.begin(), data.end()); }
 
-// What reading a text to its end or first error gives: "code address agent count" a transaction,
-// then the error.
-std::string read_all(const std::string& text) {
-  const file_ptr file = file_of(text);
-  velk_reader reader(file.get(), nullptr);
+// What reading gives: "code address agent count" a transaction, then the error.
+std::string read_lines(const std::string& text) {
+  const decoded read = read_all(file_of(text).get());
   std::ostringstream result;
-  const std::string error = error_of([&] {
-    transaction t;
-    while (reader.read(t.trans, t.addr, t.agent, t.count))
-      result << std::hex << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count
-             << '|';
-    for (int again = 0; again < 2; ++again)
-      if (reader.read(t.trans, t.addr, t.agent)) result << "more";
-  });
-  return error == "no error" ? result.str() : result.str() + error;
+  for (const transaction& t : read.transactions)
+    result << std::hex << int(t.trans) << ' ' << t.addr << ' ' << t.agent << ' ' << t.count << '|';
+  return result.str() + read.error;
 }
 
 TEST(Reader, Lines) {
@@ -54,15 +46,10 @@ TEST(Reader, Lines) {
     const char* what;
     std::string text, result;
   } rows[] = {
-      {"nothing", "", ""},
       {"as they are printed", "  MEMRD64B 00001040 1f 2\n", "1c 1040 1f 2|"},
-      {"prefixes and signs", "MEMRD -8 0Xff +3\n", "4 fffffffffffffff8 ff 3|"},
       {"no newline at the end", "MEMRD 8 1\nIORD 8 1 2", "4 8 1 1|2 8 1 2|"},
-      {"words after a count", "MEMRD 8 1 5 x y\nIORD 8 0\n", "4 8 1 5|2 8 0 1|"},
       {"a carriage return after the count", "MEMRD 8 1 5\r\n", bad},
       {"a carriage return without a count", "MEMRD 8 1\r\n", "4 8 1 1|"},
-      {"a count that is no number", "MEMRD 8 1 z\n", "4 8 1 1|"},
-      {"an empty line", "\nMEMRD 8 1\n", bad},
       {"an unknown name", "MEMRDX 8 1\n", unknown},
       {"a NUL after the count", "MEMRD 8 1 5\0x\n"s, "4 8 1 5|"},
       {"two lines on", "IORD 8 1\nIORD 8 1\nIORD 8\n", "2 8 1 1|2 8 1 1|" + third},
@@ -70,7 +57,7 @@ TEST(Reader, Lines) {
       {"a newline as the 99th character", "IORD 8 1" + blanks + "\nIORD 8 2\n", "2 8 1 1|2 8 2 1|"},
       {"looks like a QUBIX", "QMEMRD 8 1\n", "No magic number; is this a QUBIX?"},
   };
-  for (const auto& row : rows) EXPECT_EQ(read_all(row.text), row.result) << row.what;
+  for (const auto& row : rows) EXPECT_EQ(read_lines(row.text), row.result) << row.what;
 }
 
 TEST(Reader, UsualLinesTakeTheFastScan) {
@@ -116,15 +103,8 @@ struct unsteady_input {
 };
 
 decoded read_unsteadily(const bytes& data, int last_error) {
-  decoded result;
   unsteady_input input{data, last_error};
-  const file_ptr file = input.open();
-  result.error = error_of([&] {
-    velk_reader reader(file.get(), nullptr);
-    for (transaction t; reader.read(t.trans, t.addr, t.agent, t.count);)
-      result.transactions.push_back(t);
-  });
-  return result;
+  return read_all(input.open().get());
 }
 
 TEST(Reader, AFailedReadIsNotTheEnd) {
@@ -137,12 +117,9 @@ TEST(Reader, AFailedReadIsNotTheEnd) {
       {"in a number",
        "MEMRD 8 1\nMEMRD 8 1 11006",
        {first, "Can't read input, at record 2"},
-       {{first[0], {4, 8, 1, 11006}}, "no error"}},
-      {"after a line",
-       "MEMRD 8 1\n",
-       {first, "Can't read input, at record 2"},
-       {first, "no error"}},
-      {"at the start", "", {{}, "Can't read input"}, {{}, "no error"}},
+       {{first[0], {4, 8, 1, 11006}}, ""}},
+      {"after a line", "MEMRD 8 1\n", {first, "Can't read input, at record 2"}, {first, ""}},
+      {"at the start", "", {{}, "Can't read input"}, {{}, ""}},
   };
   for (const auto& row : rows) {
     const bytes text(row.text.begin(), row.text.end());
@@ -152,7 +129,7 @@ TEST(Reader, AFailedReadIsNotTheEnd) {
   for (const coding c : all_codings) {
     const trace transactions = random_trace(4, 400, c);
     const bytes file = encode(transactions, c);
-    EXPECT_TRUE(read_unsteadily(file, 0) == (decoded{transactions, "no error"})) << c;
+    EXPECT_TRUE(read_unsteadily(file, 0) == (decoded{transactions, ""})) << c;
     for (std::size_t size : {std::size_t(3), std::size_t(10), file.size() / 2, file.size()}) {
       const bytes cut(file.begin(), file.begin() + ssize_t(size));
       const decoded read = read_unsteadily(cut, EAGAIN);

@@ -102,6 +102,11 @@ struct decoded {
   bool operator==(const decoded&) const = default;
 };
 
+inline void add(trace& to, const VQtransaction* from, std::size_t size) {
+  for (const VQtransaction* t = from; t < from + size; ++t)
+    to.push_back({t->trans, t->addr, t->agent, t->count});
+}
+
 // An error without the one position that depends on the chunks, that after an end marker.
 inline std::string without_place(const std::string& error) {
   return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
@@ -134,9 +139,7 @@ decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14
       const std::size_t left = most + 1 - result.transactions.size();
       const std::size_t size =
           batch ? decoder.read(taken.data(), std::min(batch, left)) : read_one(decoder, taken[0]);
-      for (std::size_t i = 0; i < size; ++i)
-        result.transactions.push_back(
-            {taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
+      add(result.transactions, taken.data(), size);
       if (size > 0) continue;
       const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
       chunk = bytes(from, to);
@@ -154,6 +157,33 @@ inline decoded decode(const bytes& file) {
   return decode(file, [] { return 1024; });
 }
 
+// A file that is read from memory, which must outlive it.
+inline file_ptr open_bytes(const bytes& data) {
+  return file_ptr(fmemopen(const_cast<unsigned char*>(data.data()), data.size(), "r"));
+}
+
+// All that a reader delivers, one at a time or in batches, up to `most`.
+inline decoded read_all(FILE* file, std::size_t batch = 0, std::size_t most = 1 << 14) {
+  decoded result;
+  try {
+    velk_reader reader(file, nullptr);
+    std::vector<VQtransaction> taken(std::max<std::size_t>(batch, 1));
+    for (std::size_t size = 1; size > 0 && result.transactions.size() <= most;) {
+      transaction t;
+      if (batch > 0) {
+        size = reader.read(taken.data(), std::min(batch, most + 1 - result.transactions.size()));
+        add(result.transactions, taken.data(), size);
+      } else if ((size = reader.read(t.trans, t.addr, t.agent, t.count))) {
+        result.transactions.push_back(t);
+      }
+    }
+    if (result.transactions.size() > most) result.error = "too many transactions";
+  } catch (const VQcomp_error& error) {
+    result.error = error.str();
+  }
+  return result;
+}
+
 // The line for the user of the error that `call` throws.
 template <class Call>
 std::string error_of(Call call) {
@@ -163,26 +193,6 @@ std::string error_of(Call call) {
     return error.str();
   }
   return "no error";
-}
-
-// The next line of text through the C library alone. Returns what is wrong with it, null if nothing
-// is; "end" when there is none.
-inline const char* scan_plainly(FILE* file, transaction& t, char (&name)[20]) {
-  char line[100], behind;
-  unsigned long long addr;
-  unsigned agent;
-  if (!std::fgets(line, sizeof line, file)) return "end";
-  const int fields = std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &t.count, &behind);
-  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return "Bad input line";
-  if (fields == 3) t.count = 1;
-  t.addr = static_cast<long long>(addr);
-  t.agent = int(agent);
-  try {
-    t.trans = velk_trans_str2num_type1(name);
-  } catch (bool) {
-    return "Unknown transaction";
-  }
-  return nullptr;
 }
 
 // The remainder of the bytes, and of four zero bytes more when it is `closed`, bit by bit.
@@ -199,15 +209,18 @@ inline unsigned plain_checksum(bytes data, bool closed) {
 }
 
 // A trace with some of everything: runs of lines, strides, jumps within a cluster and far away,
-// deferred replies, counts and agents of all sizes. What the coding cannot keep, it does not have.
+// clusters at both ends of the address space, deferred replies, counts and agents of all sizes.
+// What the coding cannot keep, it does not have.
 inline trace random_trace(unsigned seed, int size, coding c) {
   std::mt19937_64 random(seed);
   const auto below = [&](unsigned long long bound) { return int(random() % bound); };
-  const int clusters = 1 + below(12), agents = 1 + below(6);
+  const int clusters = 1 + below(12), agents = 1 + below(6), types = 1 + below(68);
+  const long long spread = 1LL << below(21);
   std::vector<transaction> latest;
   for (int i = 0; i < clusters * agents; ++i) {
     const int agent = c.wide_agents() && below(4) == 0 ? below(65536) : below(256);
-    latest.push_back({velk_trans_class(below(68)), below(1 << 20) * 8LL, agent});
+    const long long addr = below(spread) * 8LL, end = below(6) ? 0 : -(1LL << 23);
+    latest.push_back({velk_trans_class(67 - below(types)), addr + end, agent});
   }
   trace result;
   for (int i = 0; i < size; ++i) {
