@@ -19,10 +19,7 @@ refused() {
   run -0 --separate-stderr "$VQPACK" trace out -h -x
   [ -z "$output" ]
   [ ! -e out ]
-  "$VQPACK" -h 2>help
-  [ "$(wc -lc <help | tr -s ' ')" = " 38 2024" ]
-  [ "$(head -1 help)" = "Vqpack is a tool to convert between text VELK/PRUV and QUBIX files," ]
-  [ "$(tail -1 help)" = "which the partial output was properly formed and closed, but may be bad." ]
+  "$VQPACK" -h |& diff "$BATS_TEST_DIRNAME/help.txt" -
 }
 
 @test "refusals by the arguments alone" {

@@ -14,8 +14,11 @@ field() { report "$1" | sed -n "s/^$2: //p"; }
 
 @test "every type and coding gives the trace back, and every other type from it" {
   "$VQPACK" -q -v 1 "$trace" wanted
-  for coding in "0" "1" "2 -c" "2 -nc" "3 -c" "3 -nc" "4 -c" "4 -nc" "5 -c" "5 -nc"; do
+  # An output's type and options, its size, and the way of coding that it stores.
+  while read -r size compression coding; do
     "$VQPACK" -q -v $coding "$trace" file
+    [ "$(stat -c %s file)" = "$size" ] || { echo "$coding: $(stat -c %s file)"; false; }
+    [ "$(field file Compression)" = "${compression#-}" ]
     case $coding in
       3* | 5*) "$VQPACK" file | sed 's/ 1$//' | cmp "$trace" - ;;
       *) "$VQPACK" file | cmp "$trace" - ;;
@@ -23,7 +26,24 @@ field() { report "$1" | sed -n "s/^$2: //p"; }
     "$VQPACK" -q -v 1 file again
     cmp wanted again
     [ "$(field file 'Total transactions')" = 5000 ]
-  done
+  done <<'END'
+50012 - 0
+50012 - 0 -nc
+11185 - 1
+11185 - 1 -c
+11216 1 2
+11216 1 2 -c
+50043 0 2 -nc
+11237 1 3
+11237 1 3 -c
+70043 0 3 -nc
+11239 1 4
+11239 1 4 -c
+55061 0 4 -nc
+11260 1 5
+11260 1 5 -c
+75061 0 5 -nc
+END
 }
 
 @test "counts and wide agents survive in types 5 and 3" {
@@ -126,6 +146,7 @@ Therefore, the output could be garbage -- USE AT YOUR OWN RISK!'
 @test "report of metadata" {
   head -100 "$trace" >lines
   [ "$(report lines)" = $'METADATA FROM INPUT:\nQUBIX version: -1 (legacy/text)\nTotal transactions: 100' ]
+  [ "$("$VQPACK" -p - /dev/null <lines 2>&1 | sed -n 3p)" = "Total transactions: -1" ]
   "$VQPACK" -q -v 1 lines file
   [ "$(report file)" = $'METADATA FROM INPUT:\nQUBIX version: 1\nTotal transactions: 100' ]
   "$VQPACK" -q -v 5 -nc -mt 4 -ms 8192 -ml 64 -mi 0x100000000 -mc 77 lines file
@@ -139,6 +160,9 @@ Cache size: 8192 KiB
 Line size: 64 B
 Address length: 27
 Compression: 0' ]
+  # What the output gets does not show.
+  [ "$("$VQPACK" -p -v 4 -c -q -mt 9 file out 2>&1)" = "$(report file)" ]
+  [ "$("$VQPACK" -p -nc out /dev/null 2>&1 | tail -1)" = "Compression: 1" ]
   run -0 "$VQPACK" -p -np file /dev/null
   [ -z "$output" ]
 }
@@ -203,6 +227,8 @@ points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
   echo "255 65536 0 0 0 0 0" | refused "Sensitivity MLC size out of range, at record 1" -s
   { points 3; echo "1 1 2 9 9 9 9"; } | refused "Conflict in new sensitivity data, at record 4" -s
   { points 1 7; points 1 4; } | refused "Conflict in new sensitivity data, at record 2" -S
+  base64 -d >file <<<UVUCTwAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAADcdCb6AAAAAAIBAgADAAAABAAAAAUAAAAGAAAABwAAAAECAAMAAAAIAAAACAAAAAgAAAAIAAAA/wAAAAA=
+  points 1 7 | refused "Conflict in old sensitivity data, at record 2" -S
 }
 
 @test "the statistic line, the window and the limit of contexts" {

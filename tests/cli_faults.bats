@@ -1,4 +1,4 @@
-# Outputs that fail: success is told only when every byte arrived.
+# Outputs that fail: success is reported only when every byte arrived.
 bats_require_minimum_version 1.5.0
 
 setup() {
@@ -16,7 +16,7 @@ setup() {
     run -255 "$VQPACK" -e $range file /dev/full
     [ "$output" = "Can't write output" ]
   done
-  # Both faults are told; that of the output counts.
+  # Both faults are reported; that of the output counts.
   head -c 200 file >short
   run -255 "$VQPACK" short /dev/full
   [[ "${lines[0]}" = "Input ends early, at record "* ]]
@@ -151,6 +151,21 @@ unreadable() {
 @test "a parent that ignores the end of its children" {
   (trap '' CHLD && exec "$VQPACK" -q "$trace" out.gz)
   (trap '' CHLD && exec "$VQPACK" out.gz) | cmp "$trace" -
+}
+
+@test "a process that cannot start" {
+  export ASAN_OPTIONS=verify_asan_link_order=0
+  cp "$FAILING_CALLS" failing.so
+  gzip -k file
+  while read -r message arguments; do
+    run -255 env FAILING_SPAWN=1 LD_PRELOAD=./failing.so "$VQPACK" -q $arguments
+    [ "${lines[0]}" = "Can't open $message file" ]
+  done <<'END'
+input file.gz out
+input file| out
+output file out.bz2
+output file |cat
+END
 }
 
 @test "memory that runs out, once or for good" {

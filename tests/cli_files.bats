@@ -84,6 +84,20 @@ opened() {
   [ "${lines[0]}" = "-x unknown switch" ]
 }
 
+@test "an input is looked for under other names" {
+  # found NAME FILE: which one is read
+  found() { "$VQPACK" -q "$1" | "$VQPACK" | cmp "$2" -; }
+  for n in 1 2 3; do sed 1,${n}d "$trace" >t$n; done
+  bzip2 -c t1 >name.bz2 && found name t1
+  gzip -c t2 >name.gz && found name t2
+  cp t3 name && found name t3
+  gzip -c t1 >none.gz.gz && cp none.gz.gz none.bz2.gz
+  for name in none none.gz none.bz2; do
+    run -255 "$VQPACK" $name out
+    [ "${lines[0]}" = "Can't open input file" ]
+  done
+}
+
 @test "names that cannot be opened" {
   mkdir folder folder.gz
   : >file

@@ -1,8 +1,9 @@
 // Preloaded into vqpack, this lets some of its calls fail. The variable FAILING_CALL counts to the
 // one that fails as on a full disk, among those that write, flush or close an output that is not a
 // standard stream; FAILING_ALLOCATION to the one that finds no memory and, with ALL_ALLOCATIONS
-// set, neither do those after it.
+// set, neither do those after it. With FAILING_SPAWN set no process can start.
 #include <dlfcn.h>
+#include <spawn.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -54,6 +55,14 @@ extern "C" int fclose(FILE* stream) {
   const bool failed = fails(stream);
   const int closed = original(&fclose, "fclose")(stream);
   return failed ? EOF : closed;
+}
+
+extern "C" int posix_spawn(pid_t* process, const char* path,
+                           const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const argv[],
+                           char* const envp[]) {
+  if (counted_by("FAILING_SPAWN")) return EAGAIN;
+  return original(&posix_spawn, "posix_spawn")(process, path, actions, attributes, argv, envp);
 }
 
 // What the C library calls them inside.
