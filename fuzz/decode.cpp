@@ -9,6 +9,23 @@ namespace {
 // Repeats of a few damaged bytes stand for billions of transactions.
 constexpr std::size_t most = 1 << 12;
 
+// The header, where it is one that can be written, encodes to the same bytes again.
+void require_same_header(const bytes& file) {
+  const file_ptr stream = open_bytes(file);
+  velk_reader reader(stream.get(), nullptr);
+  std::unique_ptr<PRUV_header_t> header;
+  std::unique_ptr<unsigned char[]> encoded;
+  int size = 0;
+  error_of([&] {
+    header.reset(reader.pruv_header(true));
+    if (header->trans_names_static) header->drop_trans_names();
+    encoded.reset(VQcomp::pruv_header_struct_to_bytes(*header, size));
+  });
+  const bool loses_limit = header && header->compression == 0;
+  require(!encoded || loses_limit || std::equal(encoded.get(), encoded.get() + size, &file[3]),
+          "the header comes back");
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -35,8 +52,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (file[0] != 'Q') return 0;
   const file_ptr stream = open_bytes(file);
   require(read_all(stream.get(), 100, most) == by_one, "the reader finds what the decoder finds");
-  const file_ptr counted = open_bytes(file);
-  velk_reader counter(counted.get(), nullptr);
-  error_of([&] { delete counter.pruv_header(true); });
+  require_same_header(file);
   return 0;
 }
