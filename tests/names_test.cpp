@@ -41,10 +41,12 @@ TEST(Names, DirectionsOfTransactions) {
 }
 
 TEST(Names, FamiliesOfOneSizeTakeAllSizes) {
-  const std::string families[] = {"VXB", "VXBNC", "WBMTOE", "WBMTOS"};
-  for (int i = 0; i < 4; ++i)
+  int code = 64;
+  for (const std::string family : {"VXB", "VXBNC", "WBMTOE", "WBMTOS"}) {
     for (const char* size : {"", "16B", "32B", "64B", "?"})
-      EXPECT_EQ(velk_trans_str2num_type1((families[i] + size).c_str()), 64 + i) << size;
+      EXPECT_EQ(velk_trans_str2num_type1((family + size).c_str()), code) << family << size;
+    ++code;
+  }
 }
 
 TEST(Names, OthersAreRefused) {

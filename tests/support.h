@@ -211,8 +211,8 @@ inline unsigned plain_checksum(bytes data, bool closed) {
 // A trace with some of everything: runs of lines, strides, jumps within a cluster and far away,
 // clusters at both ends of the address space, deferred replies, counts and agents of all sizes.
 // What the coding cannot keep, it does not have.
-inline trace random_trace(unsigned seed, int size, coding c) {
-  std::mt19937_64 random(seed);
+template <class Random>
+trace make_trace(Random random, int size, coding c) {
   const auto below = [&](unsigned long long bound) { return int(random() % bound); };
   const int clusters = 1 + below(12), agents = 1 + below(6), types = 1 + below(68);
   const long long spread = 1LL << below(21);
@@ -243,4 +243,7 @@ inline trace random_trace(unsigned seed, int size, coding c) {
     }
   }
   return result;
+}
+inline trace random_trace(unsigned seed, int size, coding c) {
+  return make_trace(std::mt19937_64(seed), size, c);
 }
