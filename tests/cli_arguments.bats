@@ -1,5 +1,5 @@
 # Arguments: what is refused, in which words, and how values are read.
-bats_require_minimum_version 1.5.0
+load helpers
 
 setup() {
   cd "$BATS_TEST_TMPDIR"

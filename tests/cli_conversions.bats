@@ -1,10 +1,7 @@
 # Conversions: what comes out, where the count and the header end up, what the metadata options do.
-bats_require_minimum_version 1.5.0
+load helpers
 
-setup() {
-  cd "$BATS_TEST_TMPDIR"
-  trace=$SAMPLES/sort.velk
-}
+setup() { cd "$BATS_TEST_TMPDIR"; }
 
 # report FILE: the metadata of a file.
 report() { "$VQPACK" -p -e 0 "$1" /dev/null 2>&1; }
@@ -51,8 +48,7 @@ END
   for coding in -c -nc; do
     "$VQPACK" -q -v 5 $coding lines file
     "$VQPACK" file | cmp lines -
-    run -255 "$VQPACK" -q -v 3 $coding file out
-    [ "$output" = "Agent ID too big for this version, at record 1" ]
+    ends -255 "Agent ID too big for this version, at record 1" "$VQPACK" -q -v 3 $coding file out
   done
 }
 
@@ -98,12 +94,9 @@ END
   "$VQPACK" -q -v 4 -mr 1 -ma 99 - file <"$trace"
   [ "$(field file 'Total transactions')" = 5000 ]
   [ "$(field file 'Address length')" = 37 ]
-  run -0 "$VQPACK" -q -v 4 - file.gz <"$trace"
-  [ "$output" = "Need to change transaction count: output not seekable" ]
-  run -0 "$VQPACK" -q -v 4 "$trace" file.gz
-  [ "$output" = "Can't update address size: output not seekable" ]
-  run -0 "$VQPACK" -q -v 4 -ma 37 "$trace" file.gz
-  [ -z "$output" ]
+  ends -0 "Need to change transaction count: output not seekable" "$VQPACK" -q -v 4 - file.gz <"$trace"
+  ends -0 "Can't update address size: output not seekable" "$VQPACK" -q -v 4 "$trace" file.gz
+  ends -0 "" "$VQPACK" -q -v 4 -ma 37 "$trace" file.gz
   zcat file.gz | cmp - <("$VQPACK" -q -v 4 "$trace" file && cat file)
 }
 
@@ -138,8 +131,7 @@ Therefore, the output could be garbage -- USE AT YOUR OWN RISK!'
 
 @test "an error of the output leaves it unfinished" {
   { cat "$trace"; echo 'MEMRD 1 0'; } >bad
-  run -255 --separate-stderr "$VQPACK" -q bad file
-  [ "$stderr" = "Lowest 3 bits of address not 0, at record 5001" ]
+  ends -255 "Lowest 3 bits of address not 0, at record 5001" "$VQPACK" -q bad file
   run -1 "$VQPACK" file
 }
 
@@ -163,8 +155,7 @@ Compression: 0' ]
   # What the output gets does not show.
   [ "$("$VQPACK" -p -v 4 -c -q -mt 9 file out 2>&1)" = "$(report file)" ]
   [ "$("$VQPACK" -p -nc out /dev/null 2>&1 | tail -1)" = "Compression: 1" ]
-  run -0 "$VQPACK" -p -np file /dev/null
-  [ -z "$output" ]
+  ends -0 "" "$VQPACK" -p -np file /dev/null
 }
 
 @test "comments" {
@@ -207,13 +198,11 @@ points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
 @test "sensitivity files that are refused" {
   points 5 >old
   "$VQPACK" -q -v 2 -s old "$trace" file
-  run -255 "$VQPACK" -v 2 -s . "$trace" out
-  [ "$output" = "Can't read sensitivity file (-s/S)" ]
+  ends -255 "Can't read sensitivity file (-s/S)" "$VQPACK" -v 2 -s . "$trace" out
   # refused MESSAGE OPTION: with the file on standard input
   refused() {
     cat >new
-    run -255 "$VQPACK" -v 2 "$2" new file out
-    [ "$output" = "$1" ] || { echo "$output"; false; }
+    ends -255 "$1" "$VQPACK" -v 2 "$2" new file out
     [ ! -s out ]
   }
   points 255 >most
@@ -233,14 +222,11 @@ points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
 
 @test "the statistic line, the window and the limit of contexts" {
   # statistic OPTIONS...
-  statistic() { "$VQPACK" "$@" "$trace" file 2>&1; }
-  [ "$(statistic)" = "QUBIX compressor used 18 contexts with average distance 2" ]
-  [ "$(statistic -q -nq -C 1)" = "QUBIX compressor used 1 contexts with average distance 0" ]
-  [ "$(statistic -d 0 -C 0)" = "QUBIX compressor used 5000 contexts with average distance 0" ]
-  [ "$(statistic -d 0)" = "QUBIX compressor used 5000 contexts with average distance 0" ]
-  [ "$(statistic -d 0 -C 4999)" = "QUBIX compressor used 4999 contexts with average distance 0" ]
-  [ -z "$(statistic -q)" ]
-  [ -z "$(statistic -v 0)" ]
-  [ -z "$(statistic -v 5 -nc)" ]
-  [ -z "$(statistic -e 0)" ]
+  statistic() { "$VQPACK" "$@" "$trace" file |& sed 's/^QUBIX compressor used //; s/ contexts with average distance / /'; }
+  [ "$(statistic)" = "18 2" ]
+  [ "$(statistic -q -nq -C 1)" = "1 0" ]
+  [ "$(statistic -d 0 -C 0)" = "5000 0" ]
+  [ "$(statistic -d 0)" = "5000 0" ]
+  [ "$(statistic -d 0 -C 4999)" = "4999 0" ]
+  for options in -q "-v 0" "-v 5 -nc" "-e 0"; do [ -z "$(statistic $options)" ]; done
 }

@@ -1,11 +1,7 @@
 # Files: which are refused, what names may look like, and that no process is left behind.
-bats_require_minimum_version 1.5.0
+load helpers
 
-setup() {
-  mkdir "$BATS_TEST_TMPDIR/empty" # bats keeps files of its own around it
-  cd "$BATS_TEST_TMPDIR/empty"
-  trace=$SAMPLES/sort.velk
-}
+setup() { cd "$(mktemp -d -p "$BATS_TEST_TMPDIR")"; } # bats keeps files of its own around it
 
 # shared ARGUMENT...: refused, and leaves its files as they are
 shared() {
@@ -32,8 +28,7 @@ shared() {
   shared file.gz file.gz
   shared -s points -v 2 "$trace" points
   for command in '"$VQPACK" file >>hard' '"$VQPACK" <file >>soft' '"$VQPACK" soft /dev/stdout >>file'; do
-    run -255 --separate-stderr bash -c "$command"
-    [ "${stderr_lines[0]}" = "Input and output are the same file" ]
+    ends -255 "Input and output are the same file" bash -c "$command"
     zcat file.gz | cmp file -
   done
 }
@@ -80,8 +75,7 @@ opened() {
     "$VQPACK" -q "$trace" "$name"
     [ "$(head -c2 "$name")" = QU ]
   done
-  run -255 "$VQPACK" -q "$trace" -x.gz
-  [ "${lines[0]}" = "-x unknown switch" ]
+  ends -255 "-x unknown switch" "$VQPACK" -q "$trace" -x.gz
 }
 
 @test "an input is looked for under other names" {
@@ -93,8 +87,7 @@ opened() {
   cp t3 name && found name t3
   gzip -c t1 >none.gz.gz && cp none.gz.gz none.bz2.gz
   for name in none none.gz none.bz2; do
-    run -255 "$VQPACK" $name out
-    [ "${lines[0]}" = "Can't open input file" ]
+    ends -255 "Can't open input file" "$VQPACK" $name out
   done
 }
 
@@ -103,11 +96,9 @@ opened() {
   : >file
   local long=$(printf 'x%.0s' {1..4000})
   for name in folder folder.gz missing/file missing/file.gz file/file "$long" "$long.gz" ""; do
-    run -255 "$VQPACK" "$name" out
-    [ "${lines[0]}" = "Can't open input file" ]
+    ends -255 "Can't open input file" "$VQPACK" "$name" out
     [ ! -e out ]
-    run -255 "$VQPACK" "$trace" "$name"
-    [ "${lines[0]}" = "Can't open output file" ]
+    ends -255 "Can't open output file" "$VQPACK" "$trace" "$name"
   done
 }
 

@@ -1,5 +1,5 @@
 # Progress: a line on the terminal while a conversion lasts, and nothing of it anywhere else.
-bats_require_minimum_version 1.5.0
+load helpers
 
 setup() {
   cd "$BATS_TEST_TMPDIR"
@@ -27,16 +27,21 @@ drew() {
 }
 
 @test "a line appears, is renewed and is wiped before anything else is printed" {
-  mkfifo points
+  mkfifo points more
   on_terminal slow '"$VQPACK" "$slow" slow.qu'
   on_terminal narrow 'stty cols 20; "$VQPACK" "$slow" narrow.qu'
   on_terminal fault '"$VQPACK" "(cat $trace; sleep 2.2; cat $trace; echo fault)|" fault.qu'
   on_terminal full '"$VQPACK" "(head -n 1 $trace; sleep 2.2; cat $trace $trace)|" /dev/full'
-  # The data for the header come late, so that the reading of the file takes long.
+  # The data for the header come late, so that the reading of the file takes long. The long one ends
+  # with a line that is no transaction.
   on_terminal file 'sleep 2.2 >points & "$VQPACK" -v 4 -p -s points "$trace" file.qu'
+  cp "$trace" long.velk
+  truncate -s 200M long.velk
+  on_terminal long 'sleep 2.2 >more & "$VQPACK" -v 4 -s more - long.qu <long.velk'
   wait
 
-  drew slow '[0-9.k ]+ transactions, [0-9]+/s' "$statistics"
+  drew slow '([0-9]{4}|[0-9]{2}\.[0-9] k) transactions, [0-9]{4}/s' "$statistics"
+  grep -Eq $'^\r0%, [1-4]:[0-9]{2}:[0-9]{2} left, 256 transactions, [0-9]+/s' long
   [ "$(tr '\r' '\n' <slow | grep -c transactions)" -ge 2 ]
   "$VQPACK" slow.qu | cmp - <(cat "$trace"{,,,,,})
   drew narrow '[0-9.k ]+ transactions' "$statistics"
