@@ -1,15 +1,15 @@
-// The checksum at the end of a file, against that of the plainest form.
+// Raw records, and the end of a file with its checksum in the plainest form.
 #include <gtest/gtest.h>
 
 #include "support.h"
 
 namespace {
 
-// Several transactions at once, after others that left something in the register.
-TEST(Checksum, IsThatOfTheTransactions) {
+// The coder takes several transactions at once, after others that left something in the register.
+TEST(Checksum, StandsAtTheEndOfAFile) {
   std::mt19937_64 random(2);
   for (const coding c : all_codings)
-    for (const std::size_t size : {0u, 1u, 2u, 3u, 64u, 333u}) {
+    for (const unsigned size : {0, 1, 2, 3, 64, 333}) {
       trace transactions(size);
       bytes image;
       const auto put = [&](unsigned long long value, int bytes) {
@@ -24,11 +24,16 @@ TEST(Checksum, IsThatOfTheTransactions) {
         put(static_cast<unsigned long long>(t.addr), 8);
         if (c.four_field()) put(t.count, 4);
       }
-      const unsigned crc = plain_checksum(image, true);
       const bytes file = encode(transactions, c, {.block_size = 65536, .batch = size});
-      const auto stored = file.end() - (c.version < 2 ? 8 : 4);
-      EXPECT_EQ(unsigned(stored[0] << 24 | stored[1] << 16 | stored[2] << 8 | stored[3]), crc)
-          << c << " of " << size;
+      const unsigned crc = plain_checksum(image, true);
+      bytes end = from_hex(c.compressed ? "30 00 80" : "FF");
+      for (int shift = 24; shift >= 0; shift -= 8)
+        end.push_back(static_cast<unsigned char>(crc >> shift));
+      if (!c.compressed) end.insert(end.begin(), image.begin(), image.end());
+      if (c.version < 2)
+        end.insert(end.end(),
+                   {static_cast<unsigned char>(size), static_cast<unsigned char>(size >> 8), 0, 0});
+      EXPECT_TRUE(std::equal(end.rbegin(), end.rend(), file.rbegin())) << c << " of " << size;
       EXPECT_TRUE(decode(file) == (decoded{transactions, ""})) << c << " of " << size;
     }
 }

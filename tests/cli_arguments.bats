@@ -28,9 +28,7 @@ refused() {
   for letter in S s t d v b e C m; do
     refused "-$letter requires a value" "-$letter"
   done
-  refused "-x unknown switch" -x
-  refused "-nx unknown switch" -nx
-  refused "-mx unknown switch" -mx 1
+  for letters in x nx mx; do refused "-$letters unknown switch" -$letters 1; done
   refused "-m takes a non-negative number without spurious text" -mx z
   refused $'Version (-v) must be 0 - 5\n' -v 6 -h
   refused $'Version (-v) must be 0 - 5\n' -v 0x100000001

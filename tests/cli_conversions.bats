@@ -11,36 +11,21 @@ field() { report "$1" | sed -n "s/^$2: //p"; }
 
 @test "every type and coding gives the trace back, and every other type from it" {
   "$VQPACK" -q -v 1 "$trace" wanted
-  # An output's type and options, its size, and the way of coding that it stores.
-  while read -r size compression coding; do
+  # Sizes of outputs, the ways of coding that they store, their types and options.
+  for row in 50012::0 50012::"0 -nc" 11185::1 11185::"1 -c" 11216:1:2 11216:1:"2 -c" \
+      50043:0:"2 -nc" 11237:1:3 11237:1:"3 -c" 70043:0:"3 -nc" 11239:1:4 11239:1:"4 -c" \
+      55061:0:"4 -nc" 11260:1:5 11260:1:"5 -c" 75061:0:"5 -nc"; do
+    IFS=: read -r size compression coding <<<"$row"
     "$VQPACK" -q -v $coding "$trace" file
-    [ "$(stat -c %s file)" = "$size" ] || { echo "$coding: $(stat -c %s file)"; false; }
-    [ "$(field file Compression)" = "${compression#-}" ]
+    [ "$(stat -c %s file) $(field file Compression)" = "$size $compression" ] || { echo "$row"; false; }
     case $coding in
-      3* | 5*) "$VQPACK" file | sed 's/ 1$//' | cmp "$trace" - ;;
+      3* | 5*) same_trace file "$trace" ;;
       *) "$VQPACK" file | cmp "$trace" - ;;
     esac
     "$VQPACK" -q -v 1 file again
     cmp wanted again
     [ "$(field file 'Total transactions')" = 5000 ]
-  done <<'END'
-50012 - 0
-50012 - 0 -nc
-11185 - 1
-11185 - 1 -c
-11216 1 2
-11216 1 2 -c
-50043 0 2 -nc
-11237 1 3
-11237 1 3 -c
-70043 0 3 -nc
-11239 1 4
-11239 1 4 -c
-55061 0 4 -nc
-11260 1 5
-11260 1 5 -c
-75061 0 5 -nc
-END
+  done
 }
 
 @test "counts and wide agents survive in types 5 and 3" {
@@ -77,7 +62,7 @@ END
   done
 }
 
-@test "the count stands at offset 3 of a file and behind the end of a pipe" {
+@test "the count stands at offset 3 of a file and after the end of a pipe" {
   for version in 0 1; do
     "$VQPACK" -q -v $version "$trace" file
     "$VQPACK" -q -v $version "$trace" | cat >pipe
@@ -114,7 +99,7 @@ Therefore, the output could be garbage -- USE AT YOUR OWN RISK!'
     [ "$stderr" = "Bad input line, at record 2001"$'\n'"$notice" ]
     "$VQPACK" file | cmp wanted -
   done
-  # Also behind the end of the range.
+  # Also past the end of the range.
   run -1 --separate-stderr "$VQPACK" -q -e 5 bad file
   [ "$("$VQPACK" file | wc -l)" -eq 5 ]
 
@@ -180,10 +165,7 @@ Compression: 0' ]
 points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
 
 @test "sensitivity points: -s replaces, -S adds" {
-  points 3 >three
-  points 2 3 >two
-  points 5 >five
-  : >none
+  points 3 >three && points 2 3 >two && points 5 >five && : >none
   for options in "-s five" "-S five" "-s three -S five"; do
     "$VQPACK" -q -v 2 $options "$trace" wanted
   done
@@ -229,4 +211,9 @@ points() { seq -f "%.0f 1 2 3 4 5 6 " "${2:-0}" $((${2:-0} + $1 - 1)); }
   [ "$(statistic -d 0)" = "5000 0" ]
   [ "$(statistic -d 0 -C 4999)" = "4999 0" ]
   for options in -q "-v 0" "-v 5 -nc" "-e 0"; do [ -z "$(statistic $options)" ]; done
+  # What is usual.
+  seq -f 'MEMRD %.0f0000 0' 20000 >many
+  [[ $("$VQPACK" many file 2>&1) = *" 16383 contexts "* ]]
+  printf 'MEMRD 0 0\nMEMRD fff8 0\n' >apart
+  [[ $("$VQPACK" apart file 2>&1) = *" 2 contexts "* ]]
 }
