@@ -44,7 +44,7 @@ drew() {
   grep -Eq $'^\r0%, [1-4]:[0-9]{2}:[0-9]{2} left, 256 transactions, [0-9]+/s' long
   [ "$(tr '\r' '\n' <slow | grep -c transactions)" -ge 2 ]
   "$VQPACK" slow.qu | cmp - <(cat "$trace"{,,,,,})
-  drew narrow '([0-9]{4} transactions)?' "$statistics"
+  drew narrow '([0-9]{4} transactions|[0-9]{4}/s)' "$statistics"
   grep -q $'\r *\rQUBIX.*\r$' fault
   grep -q '^Bad input line, at record 10001' fault
   drew full '[0-9.k ]+ transactions, [0-9]+/s' $'Can\'t write output\r\n'
