@@ -10,35 +10,21 @@ namespace {
 
 constexpr int variations = 1000;
 
-// Changes, drops or inserts a few bytes; those inserted are random, all the same, or a copy of
-// others.
+// Puts up to 63 bytes in place of as many: random ones, the same one again and again, or others of
+// the input.
 void vary(bytes& data, std::minstd_rand& random) {
-  const auto any_byte = [&] {
-    return random() % 2 || data.empty() ? static_cast<unsigned char>(random() >> 8)
-                                        : data[random() % data.size()];
+  const auto place_in = [&] { return data.begin() + std::ptrdiff_t(random() % (data.size() + 1)); };
+  const auto cut = [&](auto from) {
+    return from + std::min<std::ptrdiff_t>(random() % (1u << random() % 7), data.end() - from);
   };
-  const auto place = data.begin() + std::ptrdiff_t(random() % (data.size() + 1));
-  const auto left = std::size_t(data.end() - place), size = 1 + random() % (1u << random() % 8);
-  const auto end = place + std::ptrdiff_t(std::min<std::size_t>(left, size));
-  bytes piece(size);
-  switch (random() % 5) {
-    case 0:
-      if (left > 0) *place = any_byte();
-      return;
-    case 1:
-      data.erase(place, end);
-      return;
-    case 2:
-      std::generate(piece.begin(), piece.end(), any_byte);
-      break;
-    case 3:
-      std::fill(piece.begin(), piece.end(), any_byte());
-      break;
-    default:
-      piece.assign(place, end);
-  }
-  data.insert(data.begin() + std::ptrdiff_t(random() % (data.size() + 1)), piece.begin(),
-              piece.end());
+  const auto source = place_in();
+  bytes piece(source, cut(source));
+  const auto any_byte = [&] { return static_cast<unsigned char>(random() >> 8); };
+  if (random() % 3 == 0) std::generate(piece.begin(), piece.end(), any_byte);
+  if (random() % 3 == 0 && !piece.empty()) piece.assign(random() % 64, piece[0]);
+  auto place = place_in();
+  if (random() % 2) place = data.erase(place, cut(place));
+  data.insert(place, piece.begin(), piece.end());
 }
 
 }  // namespace

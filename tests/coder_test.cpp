@@ -451,9 +451,9 @@ TEST(Coder, CallsOutOfOrderAreRefused) {
 TEST(Coder, BatchesEndBeforeARefusedTransaction) {
   VQcomp coder(nullptr, 1, nullptr, 1024, 65535);
   coder.aborted = true;
-  VQtransaction given[] = {{8, 0, 1, 0}, {16, 0, 1, 0}, {4, 0, 1, 0}, {24, 0, 1, 0}};
-  EXPECT_EQ(coder.record(given, 4), 2u);
-  EXPECT_EQ(error_of([&] { coder.record(given + 2, 2); }),
+  VQtransaction given[] = {{8, 0, 1, 0}, {16, 0, 1, 0}, {4, 0, 1, 0}};
+  EXPECT_EQ(coder.record(given, 3), 2u);
+  EXPECT_EQ(error_of([&] { coder.record(given + 2, 1); }),
             "Lowest 3 bits of address not 0, at record 3");
 }
 

@@ -84,19 +84,15 @@ TEST(Header, DecoderRefuses) {
     std::string error;
   } rows[] = {
       {"shorter than the fields of type 2", 2, 29, 0, 0, early + ", at byte 32"},
-      {"shorter than the fields of type 4", 4, 45, 0, 0, early + ", at byte 48"},
       {"no list at all", 2, 30, 0, 0, early},
       {"a list of shorts too long", 2, 0, 30, 255, early},
-      {"more names than bytes", 2, 0, 31, 4, early},
       {"a name without end", 2, 33, 31, 2, early},
       {"a sensitivity point too many", 2, 0, 34, 1, early + ", at byte 38"},
       {"a comment without end", 4, 53, 0, 0, early + ", at byte 56"},
-      {"no tag", 4, 54, 0, 0, early + ", at byte 57"},
       {"half a context limit", 4, 57, 0, 0, early + ", at byte 60"},
       {"an unknown tag", 4, 0, 54, 2, "Unknown expansion field in PRUV header, at byte 57"},
       {"a byte after the last tag", 4, 61, 0, 0, junk + ", at byte 64"},
       {"a byte after the lists", 2, 36, 0, 0, junk + ", at byte 39"},
-      {"a changed cache size", 2, 0, 5, 0x30, crc + ", at byte 29"},
       {"a changed comment", 4, 0, 51, 'H', crc + ", at byte 45"},
   };
   for (const auto& row : rows) {
@@ -145,16 +141,17 @@ TEST(Header, EncoderRefusesWhatItsFieldsCannotHold) {
                 version == 4 ? "no error"
                              : "Given trans/inst/cycle count too large for this header type");
     }
-    const header_ptr header = small_header(version);
-    header->sensitivity = new sensitivity_point_t[1]{};
-    header->sensitivity_count = 1;
-    header->sensitivity[0].mlc_size = 65536;
-    EXPECT_EQ(error_of([&] { to_bytes(*header); }),
-              "PRUV header: sensitivity MLC size above 65535");
-    header->sensitivity[0].config_type = 256;
-    EXPECT_EQ(error_of([&] { to_bytes(*header); }),
-              "PRUV header: sensitivity configuration type above 255");
   }
+  sensitivity_point_t point{256, 65536, 0, 0, 0, 0, 0};
+  const header_ptr header = small_header(2);
+  header->sensitivity = &point;
+  header->sensitivity_count = 1;
+  for (const char* const what : {"configuration type above 255", "MLC size above 65535"}) {
+    EXPECT_EQ(error_of([&] { to_bytes(*header); }),
+              std::string("PRUV header: sensitivity ") + what);
+    point.config_type = 255;
+  }
+  header->sensitivity = nullptr;
   for (const int version : {1, 6})
     EXPECT_EQ(error_of([=] { to_bytes(*small_header(version)); }),
               "Internal error: header type corrupted");

@@ -102,18 +102,13 @@ struct decoded {
   bool operator==(const decoded&) const = default;
 };
 
-inline void add(trace& to, const VQtransaction* from, std::size_t size) {
-  for (const VQtransaction* t = from; t < from + size; ++t)
-    to.push_back({t->trans, t->addr, t->agent, t->count});
-}
-
 // An error without the one position that depends on the chunks, that after an end marker.
 inline std::string without_place(const std::string& error) {
   return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
                                                           : error;
 }
 
-// One transaction, through the call that throws; 0 when another chunk is needed.
+// One transaction, through the calls for one; 0 at the end of the input, or of the chunk.
 inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
   try {
     decoder.read(t.trans, t.addr, t.agent, t.count);
@@ -122,25 +117,33 @@ inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
     return 0;
   }
 }
+inline std::size_t read_one(velk_reader& reader, VQtransaction& t) {
+  return reader.read(t.trans, t.addr, t.agent, t.count);
+}
 
-// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it,
-// and takes `batch` transactions at once; 0 is one, by the other call. A damaged repeat count
-// stands for billions of transactions, of which `most` are taken.
+// Takes `batch` transactions from a decoder or reader; 0 is one, by the other call. Returns how
+// many came, of the `most` and one more that are taken in all: damage can make billions.
+template <class Source>
+std::size_t take(Source& from, trace& to, std::size_t batch, std::size_t most) {
+  std::vector<VQtransaction> taken(batch + 1);
+  const std::size_t wanted = std::min(batch, most + 1 - to.size());
+  const std::size_t size = wanted ? from.read(taken.data(), wanted) : read_one(from, taken[0]);
+  for (std::size_t i = 0; i < size; ++i)
+    to.push_back({taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
+  return size;
+}
+
+// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
 template <class NextSize>
 decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
                std::size_t batch = 0) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
-  std::vector<VQtransaction> taken(std::max<std::size_t>(batch, 1));
   auto from = file.begin();
   try {
     while (result.transactions.size() <= most) {
-      const std::size_t left = most + 1 - result.transactions.size();
-      const std::size_t size =
-          batch ? decoder.read(taken.data(), std::min(batch, left)) : read_one(decoder, taken[0]);
-      add(result.transactions, taken.data(), size);
-      if (size > 0) continue;
+      if (take(decoder, result.transactions, batch, most) > 0) continue;
       const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
       chunk = bytes(from, to);
       from = to;
@@ -162,22 +165,14 @@ inline file_ptr open_bytes(const bytes& data) {
   return file_ptr(fmemopen(const_cast<unsigned char*>(data.data()), data.size(), "r"));
 }
 
-// All that a reader delivers, one at a time or in batches, up to `most`.
+// All that a reader delivers.
 inline decoded read_all(FILE* file, std::size_t batch = 0, std::size_t most = 1 << 14) {
   decoded result;
   try {
     velk_reader reader(file, nullptr);
-    std::vector<VQtransaction> taken(std::max<std::size_t>(batch, 1));
-    for (std::size_t size = 1; size > 0 && result.transactions.size() <= most;) {
-      transaction t;
-      if (batch > 0) {
-        size = reader.read(taken.data(), std::min(batch, most + 1 - result.transactions.size()));
-        add(result.transactions, taken.data(), size);
-      } else if ((size = reader.read(t.trans, t.addr, t.agent, t.count))) {
-        result.transactions.push_back(t);
-      }
-    }
-    if (result.transactions.size() > most) result.error = "too many transactions";
+    while (result.transactions.size() <= most)
+      if (take(reader, result.transactions, batch, most) == 0) return result;
+    result.error = "too many transactions";
   } catch (const VQcomp_error& error) {
     result.error = error.str();
   }
