@@ -186,6 +186,19 @@ TEST(Coder, TracesOfManyContexts) {
   }
 }
 
+// A limit of one context lets the decoder keep 128, of which the next one drops 64.
+TEST(Coder, ContextsFarBeyondTheLimitAreDropped) {
+  bytes start = encode({}, context4, {.max_contexts = 1});
+  start.resize(preamble_size(context4) + 5);
+  for (const int contexts : {128, 129}) {
+    trace transactions;
+    for (int agent = 0; agent <= contexts; ++agent)
+      transactions.push_back({0, 0, agent % contexts});
+    const decoded read = decode(start + plain_records(transactions, context4, {}));
+    EXPECT_EQ(read.error.substr(0, 7), contexts == 128 ? "Input e" : "Context") << read.error;
+  }
+}
+
 TEST(Coder, DamagedRecords) {
   const std::string position = "Context number too high, at record ",
                     type = "Transaction number out of range, at record 1, byte 7",
@@ -458,16 +471,19 @@ TEST(Coder, BatchesEndBeforeARefusedTransaction) {
 }
 
 TEST(Coder, DestroyingACompressorThatHoldsBytes) {
-  const auto record_one = [](bool aborted, bool unwinds) {
-    VQcomp coder(nullptr, 1, nullptr, 84, 65535);
-    coder.record(0, 0, 0, 1);
-    coder.aborted = aborted;
-    if (unwinds) throw VQcomp_error{"another", 0, 0, false};
+  const auto record_one = [](bool aborted, bool unwinds, FILE* file = nullptr) {
+    return error_of([=] {
+      VQcomp coder(file, 1, nullptr, 84, 65535);
+      coder.record(0, 0, 0, 1);
+      coder.aborted = aborted;
+      if (unwinds) throw VQcomp_error{"another", 0, 0, false};
+    });
   };
-  EXPECT_EQ(error_of([&] { record_one(false, false); }),
-            "Compressor killed with output remaining, at record 1");
-  EXPECT_EQ(error_of([&] { record_one(true, false); }), "no error");
-  EXPECT_EQ(error_of([&] { record_one(false, true); }), "another");
+  EXPECT_EQ(record_one(false, false), "Compressor killed with output remaining, at record 1");
+  EXPECT_EQ(record_one(true, false), "no error");
+  EXPECT_EQ(record_one(false, true), "another");
+  const file_ptr full(std::fopen("/dev/full", "w"));
+  EXPECT_EQ(record_one(false, false, full.get()), "Can't write output, at record 1");
 }
 
 }  // namespace
