@@ -9,7 +9,7 @@ namespace {
 TEST(Checksum, StandsAtTheEndOfAFile) {
   std::mt19937_64 random(2);
   for (const coding c : all_codings)
-    for (const unsigned size : {0, 1, 2, 3, 64, 333}) {
+    for (const unsigned size : {0u, 1u, 2u, 3u, 64u, 333u}) {
       trace transactions(size);
       bytes image;
       const auto put = [&](unsigned long long value, int bytes) {

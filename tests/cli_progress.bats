@@ -55,6 +55,7 @@ drew() {
 
 @test "no line" {
   on_terminal short '"$VQPACK" "$trace" short.qu'
+  on_terminal soon '"$VQPACK" "(cat $trace $trace; sleep 1.1; cat $trace)|" soon.qu'
   on_terminal quiet '"$VQPACK" -q "$slow" quiet.qu'
   on_terminal elsewhere '"$VQPACK" "$slow" elsewhere.qu 2>messages'
   on_terminal background 'set -m; "$VQPACK" "$slow" background.qu & set +m; wait'
@@ -65,6 +66,7 @@ drew() {
   wait
 
   holds short $'QUBIX compressor used 18 contexts with average distance 2\r\n'
+  run ! grep transactions soon
   holds quiet ""
   holds elsewhere ""
   printf %s "${statistics/$'\r'/}" | cmp messages -

@@ -88,7 +88,7 @@ bytes plain_records(const trace& transactions, coding c, const coder_limits& lim
   std::size_t head = 0;  // of the latest record
   unsigned repeat = 0;
   bool escaped = false;
-  const auto put = [&](long long byte) { records.push_back(static_cast<unsigned char>(byte)); };
+  const auto put = [&](auto byte) { records.push_back(static_cast<unsigned char>(byte)); };
   const auto put_number = [&](unsigned long long n) {
     for (; n > 127; n >>= 7) put(n & 127);
     put(n | 128);

@@ -67,19 +67,19 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
 
 // What the C library calls them inside.
 extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
+void* plain_malloc(size_t size) asm("__libc_malloc");
+void* plain_calloc(size_t count, size_t size) asm("__libc_calloc");
+void* plain_realloc(void* block, size_t size) asm("__libc_realloc");
+void* plain_memalign(size_t alignment, size_t size) asm("__libc_memalign");
 
-void* malloc(size_t size) { return finds_no_memory() ? nullptr : __libc_malloc(size); }
+void* malloc(size_t size) { return finds_no_memory() ? nullptr : plain_malloc(size); }
 void* calloc(size_t count, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_calloc(count, size);
+  return finds_no_memory() ? nullptr : plain_calloc(count, size);
 }
 void* realloc(void* block, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_realloc(block, size);
+  return finds_no_memory() ? nullptr : plain_realloc(block, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_memalign(alignment, size);
+  return finds_no_memory() ? nullptr : plain_memalign(alignment, size);
 }
 }

@@ -209,8 +209,9 @@ inline unsigned plain_checksum(bytes data, bool closed) {
 template <class Random>
 trace make_trace(Random random, int size, coding c) {
   const auto below = [&](unsigned long long bound) { return int(random() % bound); };
-  const int clusters = 1 + below(12), agents = 1 + below(6), types = 1 + below(68);
-  const long long spread = 1LL << below(21);
+  const int clusters = 1 + below(12), agents = 1 + below(6);
+  const unsigned types = 1 + unsigned(below(68));
+  const unsigned long long spread = 1ULL << below(21);
   std::vector<transaction> latest;
   for (int i = 0; i < clusters * agents; ++i) {
     const int agent = c.wide_agents() && below(4) == 0 ? below(65536) : below(256);
