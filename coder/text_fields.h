@@ -37,17 +37,23 @@ struct hex_digits {
 
 #ifdef VQPACK_X86
 
+// Sixteen times the same byte.
+constexpr __m128i sixteen(unsigned char byte) {
+  const auto word = static_cast<long long>(0x0101010101010101 * std::uint64_t{byte});
+  return __m128i{word, word};
+}
+
 // What sixteen bytes at a time are compared and computed with. g++ would build such constants anew
 // for each line, which takes a third of the time: so that it loads them, it must not see through
 // the reference that every function here takes.
 struct byte_vectors {
-  __m128i blank = _mm_set1_epi8(' '), newline = _mm_set1_epi8('\n'), zero = _mm_set1_epi8('0'),
-          nine = _mm_set1_epi8('9'), a = _mm_set1_epi8('a'), case_bit = _mm_set1_epi8('a' - 'A'),
-          last_digit = _mm_set1_epi8(9), last_letter = _mm_set1_epi8(5),
-          nibble = _mm_set1_epi8(0xF), low_byte = _mm_set1_epi16(0xFF);
+  __m128i blank = sixteen(' '), newline = sixteen('\n'), zero = sixteen('0'), nine = sixteen('9'),
+          a = sixteen('a'), case_bit = sixteen('a' - 'A'), last_digit = sixteen(9),
+          last_letter = sixteen(5), nibble = sixteen(0xF),
+          low_byte = {0x00FF00FF00FF00FF, 0x00FF00FF00FF00FF};
 
   static const byte_vectors& hidden() {
-    static const byte_vectors vectors;
+    static constexpr byte_vectors vectors;
     const byte_vectors* known = &vectors;
     asm("" : "+r"(known));
     return *known;

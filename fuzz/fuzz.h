@@ -18,7 +18,7 @@ inline void require(bool holds, const char* what) {
   std::abort();
 }
 
-// Takes choices off the front of the input; they are 0 behind its end.
+// Takes choices off the front of the input; they are 0 past its end.
 class fuzz_input {
  public:
   fuzz_input(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
@@ -36,8 +36,3 @@ class fuzz_input {
   const std::uint8_t* at_;
   const std::uint8_t* end_;
 };
-
-// A file that is read from memory, which must outlive it.
-inline file_ptr open_bytes(bytes& data) {
-  return file_ptr(fmemopen(data.data(), data.size(), "r"));
-}

@@ -7,35 +7,6 @@ using namespace vqpack::detail;
 
 namespace {
 
-coder_limits choose_limits(fuzz_input& input) {
-  const long long windows[] = {65535, 0, 8, 1000, 1LL << 40, 1LL << 62};
-  const unsigned most_contexts[] = {16383, 0, 1, 2, 3, 64, 65, 200};
-  const int block_sizes[] = {84, 85, 100, 1024, 65536};
-  coder_limits limits;
-  limits.window = windows[input.byte() % std::size(windows)];
-  limits.max_contexts = most_contexts[input.byte() % std::size(most_contexts)];
-  limits.block_size = block_sizes[input.byte() % std::size(block_sizes)];
-  return limits;
-}
-
-// Goes on from the one before: the same place and so many lines further, or elsewhere.
-transaction next_transaction(fuzz_input& input, const transaction& before, coding c) {
-  transaction t = before;
-  const unsigned kind = input.byte();
-  if (kind & 1) t.trans = velk_trans_class(input.byte() % 68);
-  if (kind & 2) t.agent = int(input.number(c.wide_agents() ? 2 : 1));
-  if (kind & 4) t.count = c.four_field() ? unsigned(input.number(1 + int(kind >> 4) % 4)) : 1;
-  unsigned long long addr = static_cast<unsigned long long>(t.addr);
-  if (kind & 8)
-    addr = input.number(1 + int(kind >> 4) % 8) << (kind & 1 ? 3 : 0);
-  else
-    addr += (static_cast<unsigned long long>(kind >> 4) - 7) *
-            (8ull << VQcomp::trans2line_size[t.trans >> 3]);
-  t.addr = static_cast<long long>(addr & ~7ull);
-  if (t.trans == 47 || t.trans == 48) t.addr &= 0xFF0000;
-  return t;
-}
-
 bytes print(const trace& transactions, coding c) {
   const line_format format(VQcomp::FSB_transactions, int(std::size(VQcomp::FSB_transactions)),
                            c.four_field());
@@ -48,34 +19,25 @@ bytes print(const trace& transactions, coding c) {
   return text;
 }
 
-trace parse(bytes text) {
-  trace result;
-  if (text.empty()) return result;
-  const file_ptr file = open_bytes(text);
-  velk_reader reader(file.get(), nullptr);
-  for (transaction t; reader.read(t.trans, t.addr, t.agent, t.count);) result.push_back(t);
-  return result;
-}
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz_input input(data, size);
   const coding c = all_codings[input.byte() % std::size(all_codings)];
-  const coder_limits limits = choose_limits(input);
-  std::minstd_rand random(static_cast<unsigned>(input.byte()) + 1);
-  trace transactions;
-  for (transaction t{}; !input.empty(); transactions.push_back(t))
-    t = next_transaction(input, t, c);
-
+  const coder_limits limits{1LL << input.byte() % 63, unsigned(input.byte()),
+                            84 + int(input.number(2) % 65000)};
+  std::minstd_rand random(input.byte() + 1);
+  const auto choose = [&] { return input.number(2) * 0x0001000100010001; };
+  const trace transactions = make_trace(choose, int(size / 8), c);
   const bytes text = print(transactions, c);
-  const trace parsed = parse(text);
-  require(parsed == transactions, "text keeps transactions");
+  if (text.empty()) return 0;
+  const file_ptr file = open_bytes(text);
+  const decoded parsed = read_all(file.get(), random() % 20, transactions.size());
+  require(parsed == decoded{transactions, ""}, "text keeps transactions");
   const decoded read = decode(
-      encode(parsed, c, limits), [&] { return int(5 + random() % 200); }, transactions.size(),
+      encode(transactions, c, limits), [&] { return int(5 + random() % 200); }, transactions.size(),
       random() % 20);
-  require(read.error.empty(), "what was coded is good");
-  require(read.transactions == transactions, "files keep transactions");
+  require(read == decoded{transactions, ""}, "files keep transactions");
   require(print(read.transactions, c) == text, "the text comes back");
   return 0;
 }

@@ -1,5 +1,5 @@
 # Arguments: what is refused, in which words, and how values are read.
-bats_require_minimum_version 1.5.0
+load helpers
 
 setup() {
   cd "$BATS_TEST_TMPDIR"
@@ -19,10 +19,7 @@ refused() {
   run -0 --separate-stderr "$VQPACK" trace out -h -x
   [ -z "$output" ]
   [ ! -e out ]
-  "$VQPACK" -h 2>help
-  [ "$(wc -lc <help | tr -s ' ')" = " 38 2024" ]
-  [ "$(head -1 help)" = "Vqpack is a tool to convert between text VELK/PRUV and QUBIX files," ]
-  [ "$(tail -1 help)" = "which the partial output was properly formed and closed, but may be bad." ]
+  "$VQPACK" -h |& diff "$BATS_TEST_DIRNAME/help.txt" -
 }
 
 @test "refusals by the arguments alone" {
@@ -31,9 +28,7 @@ refused() {
   for letter in S s t d v b e C m; do
     refused "-$letter requires a value" "-$letter"
   done
-  refused "-x unknown switch" -x
-  refused "-nx unknown switch" -nx
-  refused "-mx unknown switch" -mx 1
+  for letters in x nx mx; do refused "-$letters unknown switch" -$letters 1; done
   refused "-m takes a non-negative number without spurious text" -mx z
   refused $'Version (-v) must be 0 - 5\n' -v 6 -h
   refused $'Version (-v) must be 0 - 5\n' -v 0x100000001

@@ -1,5 +1,5 @@
 # Progress: a line on the terminal while a conversion lasts, and nothing of it anywhere else.
-bats_require_minimum_version 1.5.0
+load helpers
 
 setup() {
   cd "$BATS_TEST_TMPDIR"
@@ -27,19 +27,24 @@ drew() {
 }
 
 @test "a line appears, is renewed and is wiped before anything else is printed" {
-  mkfifo points
+  mkfifo points more
   on_terminal slow '"$VQPACK" "$slow" slow.qu'
-  on_terminal narrow 'stty cols 20; "$VQPACK" "$slow" narrow.qu'
+  on_terminal narrow 'stty cols 19; "$VQPACK" "$slow" narrow.qu'
   on_terminal fault '"$VQPACK" "(cat $trace; sleep 2.2; cat $trace; echo fault)|" fault.qu'
   on_terminal full '"$VQPACK" "(head -n 1 $trace; sleep 2.2; cat $trace $trace)|" /dev/full'
-  # The data for the header come late, so that the reading of the file takes long.
+  # The data for the header come late, so that the reading of the file takes long. The long one ends
+  # with a line that is no transaction.
   on_terminal file 'sleep 2.2 >points & "$VQPACK" -v 4 -p -s points "$trace" file.qu'
+  cp "$trace" long.velk
+  truncate -s 200M long.velk
+  on_terminal long 'sleep 2.2 >more & "$VQPACK" -v 4 -s more - long.qu <long.velk'
   wait
 
-  drew slow '[0-9.k ]+ transactions, [0-9]+/s' "$statistics"
+  drew slow '([0-9]{4}|[0-9]{2}\.[0-9] k) transactions, [0-9]{4}/s' "$statistics"
+  grep -Eq $'^\r0%, [1-4]:[0-9]{2}:[0-9]{2} left, 256 transactions, [0-9]+/s' long
   [ "$(tr '\r' '\n' <slow | grep -c transactions)" -ge 2 ]
   "$VQPACK" slow.qu | cmp - <(cat "$trace"{,,,,,})
-  drew narrow '[0-9.k ]+ transactions' "$statistics"
+  drew narrow '([0-9]{4} transactions|[0-9]{4}/s)' "$statistics"
   grep -q $'\r *\rQUBIX.*\r$' fault
   grep -q '^Bad input line, at record 10001' fault
   drew full '[0-9.k ]+ transactions, [0-9]+/s' $'Can\'t write output\r\n'
@@ -50,6 +55,7 @@ drew() {
 
 @test "no line" {
   on_terminal short '"$VQPACK" "$trace" short.qu'
+  on_terminal soon '"$VQPACK" "(cat $trace $trace; sleep 1.1; cat $trace)|" soon.qu'
   on_terminal quiet '"$VQPACK" -q "$slow" quiet.qu'
   on_terminal elsewhere '"$VQPACK" "$slow" elsewhere.qu 2>messages'
   on_terminal background 'set -m; "$VQPACK" "$slow" background.qu & set +m; wait'
@@ -60,6 +66,7 @@ drew() {
   wait
 
   holds short $'QUBIX compressor used 18 contexts with average distance 2\r\n'
+  run ! grep transactions soon
   holds quiet ""
   holds elsewhere ""
   printf %s "${statistics/$'\r'/}" | cmp messages -

@@ -1,8 +1,9 @@
 // Preloaded into vqpack, this lets some of its calls fail. The variable FAILING_CALL counts to the
 // one that fails as on a full disk, among those that write, flush or close an output that is not a
 // standard stream; FAILING_ALLOCATION to the one that finds no memory and, with ALL_ALLOCATIONS
-// set, neither do those after it.
+// set, neither do those after it. With FAILING_SPAWN set no process can start.
 #include <dlfcn.h>
+#include <spawn.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -56,24 +57,32 @@ extern "C" int fclose(FILE* stream) {
   return failed ? EOF : closed;
 }
 
+extern "C" int posix_spawn(pid_t* process, const char* path,
+                           const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const argv[],
+                           char* const envp[]) {
+  if (counted_by("FAILING_SPAWN")) return EAGAIN;
+  return original(&posix_spawn, "posix_spawn")(process, path, actions, attributes, argv, envp);
+}
+
 #ifndef SANITIZED  // a sanitizer has allocations of its own
 
 // What the C library calls them inside.
 extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
+void* plain_malloc(size_t size) asm("__libc_malloc");
+void* plain_calloc(size_t count, size_t size) asm("__libc_calloc");
+void* plain_realloc(void* block, size_t size) asm("__libc_realloc");
+void* plain_memalign(size_t alignment, size_t size) asm("__libc_memalign");
 
-void* malloc(size_t size) { return finds_no_memory() ? nullptr : __libc_malloc(size); }
+void* malloc(size_t size) { return finds_no_memory() ? nullptr : plain_malloc(size); }
 void* calloc(size_t count, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_calloc(count, size);
+  return finds_no_memory() ? nullptr : plain_calloc(count, size);
 }
 void* realloc(void* block, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_realloc(block, size);
+  return finds_no_memory() ? nullptr : plain_realloc(block, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) {
-  return finds_no_memory() ? nullptr : __libc_memalign(alignment, size);
+  return finds_no_memory() ? nullptr : plain_memalign(alignment, size);
 }
 }
 

@@ -6,12 +6,8 @@
 
 #include "support.h"
 
-namespace {
-
-int good_allocations = -1;  // before those that fail; negative: none fails
-bool only_one_fails;
-
-}  // namespace
+static int good_allocations = -1;  // before those that fail; negative: none fails
+static bool only_one_fails;
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
   if (good_allocations == 0 || (good_allocations > 0 && --good_allocations == 0)) {
@@ -29,45 +25,37 @@ void operator delete[](void* memory, std::size_t) noexcept { operator delete(mem
 
 namespace {
 
-void code_and_decode(const trace& transactions, coding c) {
+bool comes_back(const trace& transactions, coding c) {
   const file_ptr file(std::tmpfile());
-  PRUV_header_t header;
-  header.compression = c.compressed;
-  header.comment = new char[3]{"hi"};
-  header.extra_strings = new char* [2] {};
-  header.extra_string_count = 2;
-  header.extra_shorts_1 = new short[2]{};
-  header.extra_shorts_1_count = 2;
-  VQcomp coder(file.get(), c.version, &header, 84, 65535);
+  const auto header = make_header(c, transactions);
+  header->comment = new char[3]{"hi"};
+  header->extra_strings = new char* [2] {};
+  header->extra_string_count = 2;
+  header->extra_shorts_1 = new short[2]{};
+  header->extra_shorts_1_count = 2;
+  VQcomp coder(file.get(), c.version, header.get(), 84, 65535);
   for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
-  coder.finish(file.get(), &header);
+  coder.finish(file.get(), header.get());
   std::rewind(file.get());
-  velk_reader reader(file.get(), nullptr);
-  const std::unique_ptr<PRUV_header_t> read(reader.pruv_header(false));
-  std::size_t size = 0;
-  for (transaction t; reader.read(t.trans, t.addr, t.agent, t.count); ++size)
-    if (!(t == transactions[size])) throw std::logic_error("another transaction");
+  return read_all(file.get(), 5000) == decoded{transactions, ""};
 }
 
 TEST(Memory, RunsOutAtAnyAllocation) {
   for (const coding c : {coding{1, true}, coding{5, true}, coding{4, false}})
     for (const bool once : {true, false}) {
       const trace transactions = random_trace(3, 3000, c);
-      for (int allocation = 1;; ++allocation) {
-        ASSERT_LT(allocation, 1000);
-        bool failed = false;
+      int failures = 0;
+      for (bool failed = true; failed; failures += failed) {
         only_one_fails = once;
-        good_allocations = allocation;
+        good_allocations = failures + 1;
         try {
-          code_and_decode(transactions, c);
+          failed = !comes_back(transactions, c);
         } catch (const std::bad_alloc&) {
-          failed = true;
         }
         good_allocations = -1;
-        if (failed) continue;
-        EXPECT_GT(allocation, 20);
-        break;
+        ASSERT_LT(failures, 1000);
       }
+      EXPECT_GT(failures, 20);
     }
 }
 

@@ -1,5 +1,5 @@
-// What the unit tests share: traces, the road from a trace to a QUBIX file and back, and a checksum
-// in its plainest form.
+// What the unit tests share: traces, a trace to a QUBIX file and back, and a checksum in its
+// plainest form.
 #pragma once
 
 #include <algorithm>
@@ -46,7 +46,15 @@ struct coder_limits {
   long long window = 65535;
   unsigned max_contexts = 0;
   int block_size = 84;
+  std::size_t batch = 0;  // transactions that the coder gets at once; 0: one, by the other call
 };
+
+inline std::unique_ptr<PRUV_header_t> make_header(coding c, const trace& transactions) {
+  auto header = std::make_unique<PRUV_header_t>();
+  header->compression = c.compressed;
+  header->trans_count = static_cast<long long>(transactions.size());
+  return header;
+}
 
 inline bytes from_hex(const std::string& text) {
   std::istringstream from(text);
@@ -55,31 +63,34 @@ inline bytes from_hex(const std::string& text) {
   return result;
 }
 
-// The whole file as a pipe would receive it. Block by block, as a caller without a stream does it.
+// The whole file as a pipe would receive it, block by block, as a caller without a stream does it.
 inline bytes encode(const trace& transactions, coding c, coder_limits limits = {}) {
-  PRUV_header_t header;
-  header.compression = c.compressed;
-  header.max_contexts = limits.max_contexts;
-  header.trans_count = static_cast<long long>(transactions.size());
-  VQcomp coder(nullptr, c.version, &header, limits.block_size, limits.window);
+  const auto header = make_header(c, transactions);
+  header->max_contexts = limits.max_contexts;
+  VQcomp coder(nullptr, c.version, header.get(), limits.block_size, limits.window);
   bytes file;
   const auto take = [&](unsigned size) {
     file.insert(file.end(), coder.buffer.get(), coder.buffer.get() + size);
     coder.reset_buffer();
   };
-  for (const transaction& t : transactions) {
-    try {
-      coder.record(t.trans, t.addr, t.agent, t.count);
+  std::vector<VQtransaction> given;
+  for (const transaction& t : transactions) given.push_back({t.addr, t.agent, t.count, t.trans});
+  for (std::size_t done = 0; done < given.size();) try {
+      const VQtransaction t = given[done];
+      if (limits.batch > 0)
+        done += coder.record(&given[done], std::min(limits.batch, given.size() - done));
+      else
+        ++done, coder.record(t.trans, t.addr, t.agent, t.count);
+      if (coder.ready()) take(unsigned(coder.ready()));
     } catch (const VQcomp_block& block) {
       take(block.bytes);
     }
-  }
   unsigned contexts, distance, bits;
   take(unsigned(coder.finish(contexts, distance, bits)));
   return file;
 }
 
-// Bytes before the first record and behind the last in what encode() gives.
+// Bytes before the first record and after the last in what encode() gives without a context limit.
 inline std::size_t preamble_size(coding c) { return c.version < 2 ? 7 : c.version < 4 ? 38 : 56; }
 inline std::size_t end_size(coding c) {
   return (c.compressed ? 3u : 1u) + 4u + (c.version < 2 ? 4u : 0u);
@@ -91,13 +102,13 @@ struct decoded {
   bool operator==(const decoded&) const = default;
 };
 
-// An error without the one position that depends on the chunks, that behind an end marker.
+// An error without the one position that depends on the chunks, that after an end marker.
 inline std::string without_place(const std::string& error) {
   return error.starts_with("QUBIX file ends prematurely") ? error.substr(0, error.find(", byte"))
                                                           : error;
 }
 
-// One transaction, through the call that throws; 0 when another chunk is needed.
+// One transaction, through the calls for one; 0 at the end of the input, or of the chunk.
 inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
   try {
     decoder.read(t.trans, t.addr, t.agent, t.count);
@@ -106,27 +117,33 @@ inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
     return 0;
   }
 }
+inline std::size_t read_one(velk_reader& reader, VQtransaction& t) {
+  return reader.read(t.trans, t.addr, t.agent, t.count);
+}
 
-// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it,
-// and in helpings; 0 is one at a time. A damaged repeat count stands for billions of transactions,
-// of which `most` are taken.
+// Takes `batch` transactions from a decoder or reader; 0 is one, by the other call. Returns how
+// many came, of the `most` and one more that are taken in all: damage can make billions.
+template <class Source>
+std::size_t take(Source& from, trace& to, std::size_t batch, std::size_t most) {
+  std::vector<VQtransaction> taken(batch + 1);
+  const std::size_t wanted = std::min(batch, most + 1 - to.size());
+  const std::size_t size = wanted ? from.read(taken.data(), wanted) : read_one(from, taken[0]);
+  for (std::size_t i = 0; i < size; ++i)
+    to.push_back({taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
+  return size;
+}
+
+// Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
 template <class NextSize>
 decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
-               std::size_t helping = 0) {
+               std::size_t batch = 0) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
-  std::vector<VQtransaction> taken(std::max<std::size_t>(helping, 1));
   auto from = file.begin();
   try {
     while (result.transactions.size() <= most) {
-      const std::size_t left = most + 1 - result.transactions.size();
-      const std::size_t size = helping ? decoder.read(taken.data(), std::min(helping, left))
-                                       : read_one(decoder, taken[0]);
-      for (std::size_t i = 0; i < size; ++i)
-        result.transactions.push_back(
-            {taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
-      if (size > 0) continue;
+      if (take(decoder, result.transactions, batch, most) > 0) continue;
       const auto to = from + std::min<std::ptrdiff_t>(next_size(), file.end() - from);
       chunk = bytes(from, to);
       from = to;
@@ -143,6 +160,25 @@ inline decoded decode(const bytes& file) {
   return decode(file, [] { return 1024; });
 }
 
+// A file that is read from memory, which must outlive it.
+inline file_ptr open_bytes(const bytes& data) {
+  return file_ptr(fmemopen(const_cast<unsigned char*>(data.data()), data.size(), "r"));
+}
+
+// All that a reader delivers.
+inline decoded read_all(FILE* file, std::size_t batch = 0, std::size_t most = 1 << 14) {
+  decoded result;
+  try {
+    velk_reader reader(file, nullptr);
+    while (result.transactions.size() <= most)
+      if (take(reader, result.transactions, batch, most) == 0) return result;
+    result.error = "too many transactions";
+  } catch (const VQcomp_error& error) {
+    result.error = error.str();
+  }
+  return result;
+}
+
 // The line for the user of the error that `call` throws.
 template <class Call>
 std::string error_of(Call call) {
@@ -152,26 +188,6 @@ std::string error_of(Call call) {
     return error.str();
   }
   return "no error";
-}
-
-// The next line of text through the C library alone. Returns what is wrong with it, null if nothing
-// is; "end" when there is none.
-inline const char* scan_plainly(FILE* file, transaction& t, char (&name)[20]) {
-  char line[100], behind;
-  unsigned long long addr;
-  unsigned agent;
-  if (!std::fgets(line, sizeof line, file)) return "end";
-  const int fields = std::sscanf(line, "%19s%llx%x %u%c", name, &addr, &agent, &t.count, &behind);
-  if (fields < 3 || (fields == 5 && behind != ' ' && behind != '\n')) return "Bad input line";
-  if (fields == 3) t.count = 1;
-  t.addr = static_cast<long long>(addr);
-  t.agent = int(agent);
-  try {
-    t.trans = velk_trans_str2num_type1(name);
-  } catch (bool) {
-    return "Unknown transaction";
-  }
-  return nullptr;
 }
 
 // The remainder of the bytes, and of four zero bytes more when it is `closed`, bit by bit.
@@ -188,15 +204,19 @@ inline unsigned plain_checksum(bytes data, bool closed) {
 }
 
 // A trace with some of everything: runs of lines, strides, jumps within a cluster and far away,
-// deferred replies, counts and agents of all sizes. What the coding cannot keep, it does not have.
-inline trace random_trace(unsigned seed, int size, coding c) {
-  std::mt19937_64 random(seed);
+// clusters at both ends of the address space, deferred replies, counts and agents of all sizes.
+// What the coding cannot keep, it does not have.
+template <class Random>
+trace make_trace(Random random, int size, coding c) {
   const auto below = [&](unsigned long long bound) { return int(random() % bound); };
   const int clusters = 1 + below(12), agents = 1 + below(6);
+  const unsigned types = 1 + unsigned(below(68));
+  const unsigned long long spread = 1ULL << below(21);
   std::vector<transaction> latest;
   for (int i = 0; i < clusters * agents; ++i) {
     const int agent = c.wide_agents() && below(4) == 0 ? below(65536) : below(256);
-    latest.push_back({velk_trans_class(below(68)), below(1 << 20) * 8LL, agent});
+    const long long addr = below(spread) * 8LL, end = below(6) ? 0 : -(1LL << 23);
+    latest.push_back({velk_trans_class(67 - below(types)), addr + end, agent});
   }
   trace result;
   for (int i = 0; i < size; ++i) {
@@ -219,4 +239,7 @@ inline trace random_trace(unsigned seed, int size, coding c) {
     }
   }
   return result;
+}
+inline trace random_trace(unsigned seed, int size, coding c) {
+  return make_trace(std::mt19937_64(seed), size, c);
 }
