@@ -419,6 +419,9 @@ TEST(Coder, FinishPutsTheTotalsWhereTheStreamLetsIt) {
       std::fputs(row.before, file.get());
       VQcomp coder(file.get(), c.version, header.get(), 84, 65535);
       for (const transaction& t : transactions) coder.record(t.trans, t.addr, t.agent, t.count);
+      header->compression ^= 1;  // what the records depend on stays as it was
+      header->max_contexts = 1;
+      header->trans_count = -1;
       if (row.grows) header->extra_shorts_1 = new short[header->extra_shorts_1_count = 1]{};
       const VQcomp_summary summary = coder.finish(file.get(), header.get());
       EXPECT_EQ(summary.transactions, ssize_t(transactions.size()));
@@ -447,6 +450,7 @@ TEST(Coder, CallsOutOfOrderAreRefused) {
     long long addr = 0, recorded = 0;
     const auto record = [&] { coder.record(0, addr += 1 << 20, 0, 1); };
     const auto finish = [&] { coder.finish(ignored, ignored, ignored); };
+    EXPECT_EQ(error_of([&] { coder.reset_buffer(); }), "No block is ready");
     for (; !coder.ready(); ++recorded) try {
         record();
       } catch (const VQcomp_block&) {
@@ -459,6 +463,21 @@ TEST(Coder, CallsOutOfOrderAreRefused) {
     EXPECT_EQ(error_of(record), "Output has already been finished" + place);
     EXPECT_EQ(error_of(finish), "Output has already been finished" + place);
   }
+}
+
+TEST(Coder, AHeaderLongerThanABlockAndARefusal) {
+  const coding c{4, true};
+  const auto header = make_header(c, {{}});
+  header->comment = new char[200]{"long"};
+  std::fill_n(header->comment, 199, 'x');
+  VQcomp coder(nullptr, c.version, header.get(), 84, 65535);
+  EXPECT_EQ(error_of([&] { coder.record(0, 1, 0, 1); }),
+            "Lowest 3 bits of address not 0, at record 1");
+  EXPECT_THROW(coder.record(0, 8, 0, 1), VQcomp_block);
+  coder.reset_buffer();
+  unsigned ignored;
+  coder.finish(ignored, ignored, ignored);
+  coder.reset_buffer();
 }
 
 TEST(Coder, BatchesEndBeforeARefusedTransaction) {

@@ -105,6 +105,19 @@ decoded read_unsteadily(const bytes& data, int last_error) {
   return read_all(input.open().get());
 }
 
+TEST(Reader, ABadHeaderStaysBad) {
+  const bytes file = encode({}, {5, true});
+  for (const std::size_t size : {std::size_t(20), file.size()}) {
+    bytes damaged(file.begin(), file.begin() + ssize_t(size));
+    damaged[10] ^= 1;
+    const file_ptr stream = open_bytes(damaged);
+    velk_reader reader(stream.get(), nullptr);
+    EXPECT_NE(error_of([&] { delete reader.pruv_header(false); }), "no error");
+    transaction t;
+    EXPECT_NE(error_of([&] { reader.read(t.trans, t.addr, t.agent, t.count); }), "no error");
+  }
+}
+
 TEST(Reader, AFailedReadIsNotTheEnd) {
   const transaction first{4, 8, 1, 1}, second{4, 8, 1, 11006};
   const struct {
