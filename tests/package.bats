@@ -2,6 +2,7 @@
 bats_require_minimum_version 1.5.0
 
 setup() {
+  unset CXXFLAGS # those of this build are not those of others
   cd "$BATS_TEST_TMPDIR"
   prefix="$PWD/a prefix"
   flags="-std=c++20 -Wall -Wextra -pedantic -Werror"
