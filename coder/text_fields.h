@@ -30,9 +30,8 @@ struct byte_marks {
 
 // Sixteen characters as hexadecimal digits, the first one most significant.
 struct hex_digits {
-  std::uint64_t value;
-  unsigned
-      others;  // bit i: character i is none; a blank counts as 0, others spoil the digit before
+  std::uint64_t value;  // a blank counts as 0; what else is no digit spoils the digit before, too
+  unsigned others;      // bit i: character i is no digit
 };
 
 #ifdef VQPACK_X86
