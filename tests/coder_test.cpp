@@ -489,6 +489,18 @@ TEST(Coder, BatchesEndBeforeARefusedTransaction) {
             "Lowest 3 bits of address not 0, at record 3");
 }
 
+TEST(Coder, WhatABatchLeavesDoesNotCount) {
+  VQcomp coder(nullptr, 0, nullptr, 84, 0);
+  VQtransaction given[64] = {};
+  given[63].addr = 1 << 20;
+  EXPECT_EQ(coder.record(given, 64), 8u);  // then the block is full
+  coder.reset_buffer();
+  unsigned contexts, distance, bits;
+  coder.finish(contexts, distance, bits);
+  coder.reset_buffer();
+  EXPECT_EQ(bits, 8u);
+}
+
 TEST(Coder, DestroyingACompressorThatHoldsBytes) {
   const auto record_one = [](bool aborted, bool unwinds, FILE* file = nullptr) {
     return error_of([=] {
