@@ -38,8 +38,8 @@ struct hex_digits {
 
 // Sixteen times the same byte.
 constexpr __m128i sixteen(unsigned char byte) {
-  const auto word = static_cast<long long>(0x0101010101010101 * std::uint64_t{byte});
-  return __m128i{word, word};
+  const std::uint64_t word = std::uint64_t{byte} * 0x0101010101010101;
+  return __m128i{static_cast<long long>(word), static_cast<long long>(word)};
 }
 
 // What sixteen bytes at a time are compared and computed with. g++ would build such constants anew
@@ -108,7 +108,7 @@ inline unsigned zero_bytes(std::uint64_t word) {
 
 inline byte_marks mark_16(const char* from, byte_vectors) {
   byte_marks marks{0, 0};
-  for (unsigned half = 0; half < 2; ++half) {
+  for (std::size_t half = 0; half < 2; ++half) {
     const std::uint64_t word = load_8(from + 8 * half);
     marks.blanks |= zero_bytes(word ^ ' ' * each_byte) << 8 * half;
     marks.newlines |= zero_bytes(word ^ '\n' * each_byte) << 8 * half;
