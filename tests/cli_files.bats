@@ -1,4 +1,4 @@
-# Files: which are refused, what names may look like, and that no process is left behind.
+# Files: which are refused, what names may look like, and that no process outlives a run.
 load helpers
 
 setup() { cd "$(mktemp -d -p "$BATS_TEST_TMPDIR")"; } # bats keeps files of its own around it
