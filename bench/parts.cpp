@@ -1,10 +1,12 @@
-// The parts of the coder by themselves, in nanoseconds a transaction (the column "Time" divided by
-// the items of a run; "items_per_second" is its inverse).
+// The stages of packing and unpacking a trace, each by itself, in nanoseconds a transaction.
+//
+//   parts TRACE...     text, without header; the whole trace is kept in memory
 
-#include <benchmark/benchmark.h>
-
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
-#include <random>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,134 +15,196 @@
 #include "coder/inslist.h"
 #include "coder/line_format.h"
 #include "coder/line_scan.h"
+#include "coder/read_bytes.h"
+#include "coder/record_format.h"
 #include "coder/vqcomp.h"
 
 using namespace vqpack::detail;
 
 namespace {
 
-constexpr std::size_t block = 4096;  // transactions in a run, few enough for the cache
+constexpr int runs = 11;
+constexpr std::size_t batch = 256;        // transactions that the program handles at once
+constexpr std::size_t piece = 1 << 16;    // bytes that it reads and writes at once
+constexpr unsigned max_contexts = 16383;  // the program's defaults
+constexpr long long window = 65535;
 
-// Reads of `places` streams, 1 MiB apart, in random turns.
-std::vector<VQtransaction> make_trace(std::size_t places, std::size_t size = block) {
-  std::mt19937_64 random(1);
-  std::vector<VQtransaction> trace;
-  for (std::size_t i = 0; i < size; ++i)
-    trace.push_back(
-        {static_cast<long long>(random() % places << 20 | random() % 512 << 6), 0, 1, 28});
-  return trace;
+struct closer {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using open_file = std::unique_ptr<FILE, closer>;
+
+// Keeps the compiler from leaving out what `value` comes from.
+template <class T>
+void use(const T& value) {
+  asm volatile("" : : "r"(&value) : "memory");
 }
 
-std::string to_text(const std::vector<VQtransaction>& trace) {
-  const line_format format(VQcomp::FSB_transactions, 68, false);
-  std::string text(line_scan::readable_before, ' ');
-  std::vector<char> line(format.max_line());
-  for (const VQtransaction& t : trace) text.append(line.data(), format.put(line.data(), t));
-  return text;
+// Calls `take` with each `size` of `all`, or what is left.
+template <class T, class Take>
+void in_batches(T& all, std::size_t size, Take take) {
+  for (std::size_t done = 0; done < all.size(); done += size)
+    take(all.data() + done, std::min(size, all.size() - done));
 }
 
-std::vector<unsigned char> to_qubix(std::vector<VQtransaction> trace) {
-  VQcomp compressor(nullptr, 1, nullptr, 1024, 65535);
-  std::vector<unsigned char> file;
-  const auto take = [&](int bytes) {
-    file.insert(file.end(), compressor.buffer.get(), compressor.buffer.get() + bytes);
+// A trace in all the forms that the stages take.
+class trace {
+ public:
+  explicit trace(const char* name) : name_(name) {
+    const open_file file = open();
+    velk_reader reader(file.get(), nullptr);
+    VQtransaction read[batch];
+    while (const std::size_t got = reader.read(read, batch))
+      transactions.insert(transactions.end(), read, read + got);
+    text = std::string(line_scan::readable_before, ' ');
+    std::vector<char> line(format.max_line());
+    for (const VQtransaction& t : transactions)
+      text.append(line.data(), format.put(line.data(), t));
+    text_bytes = text.size() - line_scan::readable_before;
+    text.append(line_scan::readable_after, '\0');
+    pack();
+    context_list contexts(max_contexts, window >> 3);
+    for (const VQtransaction& t : transactions) positions.push_back(touch(contexts, t));
+  }
+
+  open_file open() const { return open_file(std::fopen(name_, "r")); }
+
+  static int touch(context_list& contexts, const VQtransaction& t) {
+    long long prev;
+    return contexts.touch({t.addr >> address_unit_shift<false>(t.trans), t.agent, t.trans}, prev);
+  }
+
+  // Codes the trace as file type 1, and hands each piece of the file to `take`.
+  template <class Take>
+  void code(Take take) {
+    VQcomp compressor(nullptr, 1, nullptr, 1024, window);
+    in_batches(transactions, batch, [&](VQtransaction* first, std::size_t size) {
+      for (std::size_t done = 0; done < size;) {
+        done += compressor.record(first + done, size - done);
+        if (const int ready = compressor.ready()) {
+          take(compressor.buffer.get(), ready);
+          compressor.reset_buffer();
+        }
+      }
+    });
+    unsigned contexts, distance, bits;
+    const int size = compressor.finish(contexts, distance, bits);
+    take(compressor.buffer.get(), size);
     compressor.reset_buffer();
-  };
-  for (std::size_t done = 0; done < trace.size(); take(compressor.ready()))
-    done += compressor.record(&trace[done], trace.size() - done);
-  unsigned contexts, distance, bits;
-  take(compressor.finish(contexts, distance, bits));
-  return file;
-}
-
-void count_items(benchmark::State& state, std::size_t items) {
-  state.SetItemsProcessed(state.iterations() * static_cast<long long>(items));
-}
-
-void scan(benchmark::State& state) {
-  std::string text = to_text(make_trace(1000));
-  const std::size_t size = text.size();
-  text.append(line_scan::readable_after, '\0');
-  std::vector<VQtransaction> trace(block);
-  for (auto _ : state) {
-    const char* at = text.data() + line_scan::readable_before;
-    line_scan::scan_usual_lines(at, text.data() + size, trace.data(), block);
-    benchmark::DoNotOptimize(trace.data());
   }
-  count_items(state, block);
-}
-BENCHMARK(scan);
 
-void format(benchmark::State& state) {
-  const std::vector<VQtransaction> trace = make_trace(1000);
-  const line_format lines(VQcomp::FSB_transactions, 68, false);
-  std::vector<char> text(block * lines.max_line());
-  for (auto _ : state) {
-    char* to = text.data();
-    for (const VQtransaction& t : trace) to = lines.put(to, t);
-    benchmark::DoNotOptimize(to);
+  line_format format{velk_trans_names, int(std::size(velk_trans_names)), false};
+  std::vector<VQtransaction> transactions;
+  std::string text;
+  std::size_t text_bytes;
+  std::vector<unsigned char> qubix;
+  std::vector<int> positions;  // of their contexts; -1 for a new one
+
+ private:
+  void pack() {
+    code([this](const unsigned char* bytes, int size) {
+      qubix.insert(qubix.end(), bytes, bytes + size);
+    });
   }
-  count_items(state, block);
-}
-BENCHMARK(format);
 
-void fold(benchmark::State& state) {
-  const std::vector<VQtransaction> trace = make_trace(1000);
-  checksum crc;
-  for (auto _ : state) {
-    crc.fold(trace.data(), block, false, state.range(0) != 0);
-    benchmark::DoNotOptimize(crc.value());
+  const char* name_;
+};
+
+// Prints the median time that `work` takes.
+template <class Work>
+double time(const trace& t, Work work) {
+  std::vector<double> nanoseconds;
+  for (int i = 0; i < runs; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - start;
+    nanoseconds.push_back(taken.count() / double(t.transactions.size()));
   }
-  count_items(state, block);
+  std::nth_element(nanoseconds.begin(), nanoseconds.begin() + runs / 2, nanoseconds.end());
+  return nanoseconds[runs / 2];
 }
-BENCHMARK(fold)->ArgName("counted")->Arg(0)->Arg(1);
 
-void search(benchmark::State& state) {
-  const auto places = std::size_t(state.range(0));
-  const std::vector<VQtransaction> trace = make_trace(places, 16 * block);
-  context_list contexts(16383, 65535 >> 3);
-  long long prev = 0;
-  for (auto _ : state)
-    for (const VQtransaction& t : trace)
-      benchmark::DoNotOptimize(contexts.touch({t.addr >> 3, t.agent, t.trans}, prev));
-  count_items(state, trace.size());
+void show(const char* stage, double nanoseconds) {
+  std::printf("  %-24s %6.2f\n", stage, nanoseconds);
 }
-BENCHMARK(search)->ArgName("contexts")->Arg(1)->Arg(10)->Arg(1000)->Arg(16000);
 
-void look_up(benchmark::State& state) {
-  const auto places = unsigned(state.range(0));
-  std::mt19937 random(1);
-  inslist<VQuncomp::context> list;
-  for (unsigned i = 0; i < places; ++i) list.insert({});
-  std::vector<unsigned> positions(block);
-  for (unsigned& position : positions) position = unsigned(random() % places);
-  for (auto _ : state)
-    for (const unsigned position : positions) benchmark::DoNotOptimize(list.lookup(position));
-  count_items(state, block);
+double checksum_time(trace& t) {
+  return time(t, [&] {
+    checksum crc;
+    in_batches(t.transactions, batch, [&](VQtransaction* first, std::size_t size) {
+      crc.fold(first, size, false, false);
+    });
+    use(crc.value());
+  });
 }
-BENCHMARK(look_up)->ArgName("contexts")->Arg(10)->Arg(1000)->Arg(16000);
 
-void encode(benchmark::State& state) {
-  const std::vector<VQtransaction> trace = make_trace(std::size_t(state.range(0)), 16 * block);
-  for (auto _ : state) benchmark::DoNotOptimize(to_qubix(trace).size());
-  count_items(state, trace.size());
+void show_packing(trace& t) {
+  std::vector<VQtransaction> scanned(batch);
+  std::vector<unsigned char> buffer(piece);
+  show("read", time(t, [&] {
+         const open_file file = t.open();
+         while (read_bytes(file.get(), buffer.data(), piece) == piece) use(buffer);
+       }));
+  show("scan", time(t, [&] {
+         const char* at = t.text.data() + line_scan::readable_before;
+         const char* const end = at + t.text_bytes;
+         while (line_scan::scan_usual_lines(at, end, scanned.data(), batch) > 0) use(scanned);
+       }));
+  const double all = time(t, [&] { t.code([](const unsigned char* bytes, int) { use(bytes); }); });
+  const double sum = checksum_time(t);
+  show("check and code", all - sum);
+  show("  of it the contexts", time(t, [&] {
+         context_list contexts(max_contexts, window >> 3);
+         int sum_of_positions = 0;
+         for (const VQtransaction& each : t.transactions)
+           sum_of_positions += trace::touch(contexts, each);
+         use(sum_of_positions);
+       }));
+  show("checksum", sum);
+  show("write", time(t, [&] {
+         const open_file file(std::fopen("/dev/null", "w"));
+         std::setvbuf(file.get(), nullptr, _IOFBF, piece);
+         in_batches(t.qubix, 1024, [&](const unsigned char* bytes, std::size_t size) {
+           std::fwrite(bytes, 1, size, file.get());
+         });
+       }));
 }
-BENCHMARK(encode)->ArgName("contexts")->Arg(10)->Arg(1000)->Arg(16000);
 
-void decode(benchmark::State& state) {
-  const auto size = 16 * block;
-  const std::vector<unsigned char> file = to_qubix(make_trace(std::size_t(state.range(0)), size));
-  std::vector<VQtransaction> trace(256);
-  for (auto _ : state) {
+void show_unpacking(trace& t) {
+  const double all = time(t, [&] {
     VQuncomp decompressor;
-    decompressor.put(file.data(), int(file.size()));
-    for (std::size_t got; (got = decompressor.read(trace.data(), trace.size())) > 0;)
-      benchmark::DoNotOptimize(got);
-  }
-  count_items(state, size);
+    std::vector<VQtransaction> read(batch);
+    in_batches(t.qubix, 1024, [&](const unsigned char* bytes, std::size_t size) {
+      decompressor.put(bytes, int(size));
+      while (decompressor.read(read.data(), batch) > 0) use(read);
+    });
+  });
+  const double sum = checksum_time(t);
+  show("records and list", all - sum);
+  show("  of it the list", time(t, [&] {
+         inslist<VQcontext> list;
+         for (const int position : t.positions)
+           use(position < 0 ? list.insert({}) : list.lookup(unsigned(position)));
+       }));
+  show("checksum", sum);
+  std::vector<char> text(batch * t.format.max_line());
+  show("format", time(t, [&] {
+         in_batches(t.transactions, batch, [&](const VQtransaction* first, std::size_t size) {
+           char* to = text.data();
+           for (std::size_t i = 0; i < size; ++i) to = t.format.put(to, first[i]);
+           use(to);
+         });
+       }));
 }
-BENCHMARK(decode)->ArgName("contexts")->Arg(10)->Arg(1000)->Arg(16000);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    trace t(argv[i]);
+    std::printf("%s: %zu transactions\n packing\n", argv[i], t.transactions.size());
+    show_packing(t);
+    std::printf(" unpacking\n");
+    show_unpacking(t);
+  }
+}
