@@ -62,7 +62,7 @@ class context_list {
     prev = entries_[found].addr;
     set_addr(found, wanted.addr);
     front_ = found;
-    return int(order_.move_to_front(entries_[found].slot, note_slot{entries_}));
+    return int(order_.move_to_front(found, entries_[found].slot, note_slot{entries_}));
   }
 
   std::size_t size() const { return order_.size(); }

@@ -46,7 +46,6 @@ class recency_log {
     if (slot >= id_at_.size()) return;
     prefetch(&dead_[slot / word_slots]);
     prefetch(&words_[slot / row_slots]);
-    prefetch(&id_at_[slot]);
   }
 
   // Calls `use` with each id, the oldest first.
@@ -82,10 +81,10 @@ class recency_log {
     ++size_;
   }
 
-  // Makes the id in `slot` the newest; returns the position that it had.
+  // Makes `id`, which is in `slot`, the newest; returns the position that it had.
   template <class Moved>
-  unsigned move_to_front(unsigned slot, Moved moved) {
-    const std::uint32_t id = id_at_[slot];
+  unsigned move_to_front(std::uint32_t id, unsigned slot, Moved moved) {
+    assert(id_at_[slot] == id);
     const unsigned position = kill(slot) - head_;
     if (head_ == 0) make_room(moved);
     take_slot(id, moved);
@@ -98,9 +97,11 @@ class recency_log {
     assert(position < size_);
     unsigned living = head_ + position;  // to be passed over, the free slots first
     std::size_t i = 0;
-    while (living >= blocks_[i]) living -= blocks_[i++];
-    --blocks_[i];
-    i = rows_[i].take(living) + i * fanout;
+    if (words_.size() > 1) {
+      while (living >= blocks_[i]) living -= blocks_[i++];
+      --blocks_[i];
+      i = rows_[i].take(living) + i * fanout;
+    }
     i = words_[i].take(living) + i * fanout;
     const unsigned k = select_bit(~dead_[i], living);
     dead_[i] |= bit(k);
@@ -117,7 +118,6 @@ class recency_log {
   static constexpr unsigned row_slots = fanout * word_slots;
   static constexpr unsigned block_slots = fanout * row_slots;
   static constexpr unsigned max_ids = 1 << 29;  // so that their slots can be counted
-  static constexpr unsigned min_slots = 4096;
 
   // steps[place][i] is 1 for each i above `place`, else 0.
   using step = std::array<std::uint16_t, fanout>;
@@ -145,35 +145,35 @@ class recency_log {
     }
 
     // Lets the slot die that has `living` living ones before it; returns its element's place, and
-    // takes those before that off `living`.
+    // takes those before that off `living`. The next use waits for the new numbers, which therefore
+    // are made without the place.
     std::size_t take(unsigned& living) {
-      const std::size_t place = last_up_to(living);
-      living -= before[place];
-      kill(place);
-      return place;
-    }
-
-    // The place of the last number that is not above `limit`; the first one never is.
-    std::size_t last_up_to(unsigned limit) const {
 #ifdef VQPACK_X86
-      const __m128i most = _mm_set1_epi16(static_cast<short>(limit));
-      const auto above = [&](unsigned from) {
-        const auto at = [&](unsigned i) {
-          return _mm_load_si128(reinterpret_cast<const __m128i*>(&before[i]));
-        };
-        const __m128i low = _mm_subs_epu16(at(from), most),
-                      high = _mm_subs_epu16(at(from + 8), most);
-        const __m128i up_to = _mm_packs_epi16(_mm_cmpeq_epi16(low, _mm_setzero_si128()),
-                                              _mm_cmpeq_epi16(high, _mm_setzero_si128()));
-        return ~unsigned(_mm_movemask_epi8(up_to)) & 0xFFFF;
+      const __m128i most = _mm_set1_epi16(static_cast<short>(living));
+      const auto update = [&](unsigned i) {
+        auto* const eight = reinterpret_cast<__m128i*>(&before[i]);
+        const __m128i numbers = _mm_load_si128(eight);
+        const __m128i up_to = _mm_cmpeq_epi16(_mm_subs_epu16(numbers, most), _mm_setzero_si128());
+        _mm_store_si128(eight, _mm_sub_epi16(_mm_add_epi16(numbers, _mm_set1_epi16(-1)), up_to));
+        return up_to;
       };
-      return std::size_t(std::countr_zero(above(0) | std::uint64_t{above(16)} << 16 | 1ull << 32)) -
-             1;
+      const auto update_16 = [&](unsigned i) {
+        const __m128i low = update(i), high = update(i + 8);
+        return unsigned(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+      };
+      const std::uint32_t low = update_16(0);
+      const std::size_t place = std::size_t(std::bit_width(low | update_16(16) << 16)) - 1;
 #else
-      std::size_t place = 0;
-      for (unsigned i = 1; i < fanout; ++i) place += before[i] <= limit;
-      return place;
+      const auto limit = static_cast<std::uint16_t>(living);
+      std::size_t place = fanout - 1;
+      for (std::uint16_t& number : before) {
+        const bool above = number > limit;
+        number = static_cast<std::uint16_t>(number - above);
+        place -= above;
+      }
 #endif
+      living -= before[place];
+      return place;
     }
   };
 
@@ -188,6 +188,7 @@ class recency_log {
     dead_[word] |= bit(slot);
     living += words_[words].before[word % fanout];
     words_[words].kill(word % fanout);
+    if (words_.size() == 1) return living;
     living += rows_[block].before[words % fanout];
     rows_[block].kill(words % fanout);
     --blocks_[block];
@@ -206,8 +207,7 @@ class recency_log {
   template <class Moved>
   void make_room(Moved moved) {
     if (size_ >= max_ids) throw std::bad_alloc();
-    const unsigned slots =
-        std::max({min_slots, unsigned(id_at_.size()), std::bit_ceil(size_ + 1) * 2});
+    const unsigned slots = std::max({row_slots, unsigned(id_at_.size()), std::bit_ceil(3 * size_)});
     id_at_.resize(slots);
     unsigned slot = slots;
     from_oldest([&](std::uint32_t id) {
