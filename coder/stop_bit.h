@@ -21,39 +21,43 @@ constexpr bool is_short_signed(long long value) {
   return is_short(static_cast<unsigned long long>(value) + (1 << (2 * stop_bit_group - 1)));
 }
 
-// Writes the lower 14 bits of a number in two bytes or, of 7 bits, in one. The next
-// length is unpredictable: so two bytes are written in any case, without a branch, and the caller
-// may have to overwrite the second.
-inline unsigned char* put_short_stop_bit(unsigned char* to, unsigned value, bool two_bytes) {
-  const unsigned upper_group = value & ~0x7Fu;
-  const unsigned mark = stop_bit + (0x7F80 & -unsigned(two_bytes));  // on the first or the second
-  store_le<2>(to, (value + upper_group) | mark);
-  return to + 1 + two_bytes;
+// Whether one byte holds it.
+constexpr bool is_one_group(long long value) {
+  return static_cast<unsigned long long>(value) + (1 << (stop_bit_group - 1)) < 1 << stop_bit_group;
 }
 
-// Writes `value` at `to` and returns the position after it. May write one byte more.
+// The bytes of a number of at most 14 bits, the first one lowest, of which the first `bytes` (0 to
+// 2) count; of 0 bytes, the value must be 0.
+constexpr unsigned long long short_stop_bit(unsigned value, int bytes) {
+  const unsigned upper_group = value & 0x3F80;
+  return ((value & 0x3FFF) + upper_group) | unsigned{stop_bit} << 8 * bytes >> 8;
+}
+
+// Writes `value` at `to` and returns the position after it. May write one byte more: the next
+// length is unpredictable, and a wrong guess costs more than two bytes in any case.
 inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) {
-  if (is_short(value)) return put_short_stop_bit(to, unsigned(value), value > 0x7F);
+  if (is_short(value)) {
+    const int bytes = 1 + (value > 0x7F);
+    store_le<2>(to, short_stop_bit(unsigned(value), bytes));
+    return to + bytes;
+  }
   for (; value > 0x7F; value >>= stop_bit_group) *to++ = static_cast<unsigned char>(value & 0x7F);
   *to++ = static_cast<unsigned char>(value | stop_bit);
   return to;
 }
 
-// The same for a signed number.
+// The same for a signed number, and no byte more.
 inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
-  const bool two_bytes = static_cast<unsigned long long>(value) + 0x40 > 0x7F;
-  if (is_short_signed(value)) return put_short_stop_bit(to, unsigned(value), two_bytes);
-  for (; value < -64 || value > 63; value >>= stop_bit_group)
+  for (; !is_one_group(value); value >>= stop_bit_group)
     *to++ = static_cast<unsigned char>(value & 0x7F);
   *to++ = static_cast<unsigned char>((value & 0x7F) | stop_bit);
   return to;
 }
 
 // Reads a number of any length at `from` and moves `from` past it; `bits` receives the number of
-// bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller
-// ensures that a byte with the stop bit set follows within the allocation, and one more byte.
-// Numbers of one and of two bytes take the same path, without a branch, as in
-// put_short_stop_bit().
+// bits that it delivered. Bits beyond the width of `Unsigned` are dropped. The caller ensures that
+// a byte with the stop bit set follows within the allocation, and one more byte. Numbers of one and
+// of two bytes take the same path, without a branch.
 template <class Unsigned>
 Unsigned get_stop_bit(const unsigned char*& from, int& bits) {
   static_assert(std::is_unsigned_v<Unsigned>);

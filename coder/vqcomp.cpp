@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cassert>
 #include <climits>
@@ -106,9 +107,9 @@ long long to_units(long long addr, int shift) {
 }
 
 // The codec takes a record at a time. Which parts the next record has is unpredictable, and a wrong
-// guess costs more than writing all of them. So all parts are written, the end moves past those
-// that are wanted, and the next part overwrites the others. A record touches no more bytes that way
-// than the longest one has. Each function returns the position after its part.
+// guess costs more than making all of them. So the usual record is put together without branches,
+// and stored in any case at its full width, in which the end moves past the bytes that it has. Each
+// function returns the position after its part.
 
 // Code and agent of a new context. Agents of 255 and more switch the rest of the stream to
 // stop-bit numbers.
@@ -140,26 +141,25 @@ struct delta {
   bool is_in_lines;
 };
 
-// `value` if it is wanted, else 0.
-std::ptrdiff_t only_if(bool wanted, std::ptrdiff_t value) {
-  return value & -std::ptrdiff_t(wanted);
-}
-
 // Head byte, context number and delta of a record whose context was found at `position`. Touches
 // 1 + 5 + 9 + 1 bytes at most.
 [[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
                                                                const delta& moved) {
-  const bool is_numbered = position > max_short_position;
-  const auto number = unsigned(only_if(is_numbered, position - max_short_position));
-  unsigned char* const number_at = to + 1;
-  unsigned char* const delta_at =
-      number_at + only_if(is_numbered, put_stop_bit(number_at, number) - number_at);
-  unsigned char* const end =
-      delta_at + only_if(!moved.is_in_lines, put_signed_stop_bit(delta_at, moved.units) - delta_at);
+  const auto number = unsigned(std::max(position - max_short_position, 0));
   const int place = std::min(position, max_short_position + 1) << position_shift;
-  const auto low = only_if(moved.is_in_lines, (moved.lines ^ long_delta) & 0xF) ^ long_delta;
-  store_le<1>(to, unsigned(place | low));
-  return end;
+  const long long in_lines = -static_cast<long long>(moved.is_in_lines);  // a mask
+  const auto head = unsigned(place | (((moved.lines ^ long_delta) & 0xF & in_lines) ^ long_delta));
+  if (!is_short(number) || !is_short_signed(moved.units)) [[unlikely]] {
+    to = store_le<1>(to, head);
+    if (number > 0) to = put_stop_bit(to, number);
+    return moved.is_in_lines ? to : put_signed_stop_bit(to, moved.units);
+  }
+  const long long units = moved.units & ~in_lines;
+  const int number_bytes = (number > 0) + (number > 0x7F);
+  const int delta_bytes = !moved.is_in_lines + !is_one_group(units);
+  store_le<8>(to, head | short_stop_bit(number, number_bytes) << 8 |
+                      short_stop_bit(unsigned(units), delta_bytes) << (8 + 8 * number_bytes));
+  return to + 1 + number_bytes + delta_bytes;
 }
 
 // Puts a repeat count into the record at `head`, whose other bytes end at `to`.
