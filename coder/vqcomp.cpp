@@ -343,10 +343,29 @@ const char* compressor::refusal(VQtransaction& t) const {
   return nullptr;
 }
 
+// By type: whether the address is cut, or the transaction refused.
+constexpr auto is_unusual = [] {
+  std::array<unsigned char, 256> unusual{};
+  for (std::size_t trans = 0; trans < unusual.size(); ++trans)
+    unusual[trans] = trans > last_trans || is_deferred_reply(velk_trans_class(trans));
+  return unusual;
+}();
+
 // The number of transactions before the first that is refused. `addresses` receives the bits that
-// are set in any of their counted_addr().
+// are set in any of their counted_addr(). What refusal() looks at is gathered over all of them, as
+// hardly ever there is anything to find.
 std::size_t compressor::accept(VQtransaction* transactions, std::size_t size,
                                unsigned long long& addresses) const {
+  unsigned agents = 0, unusual = 0;
+  addresses = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    addresses |= static_cast<unsigned long long>(transactions[i].addr);
+    agents |= unsigned(transactions[i].agent);
+    unusual |= is_unusual[transactions[i].trans];
+  }
+  const bool plain_addresses = (addresses & 7) == 0 && static_cast<long long>(addresses) >= 0;
+  if (plain_addresses && agents <= max_agent_ && !unusual) return size;
+
   std::size_t accepted = 0;
   addresses = 0;
   for (; accepted < size && !refusal(transactions[accepted]); ++accepted)
