@@ -30,7 +30,8 @@ namespace vqpack::detail {
 // before it in the row, another kind of row the same for 32 of those rows, which make a block, and
 // an array the number of living slots in each block. Free slots, those below the newest, count as
 // living. A death takes one from the later numbers of a row of each kind, which is a vector
-// subtraction, and from a block; a use changes nothing else. When the log is full, the living slots
+// subtraction, and from a block; a use changes nothing else. A log of one row has no use for the
+// rest. When the log is full, the living slots
 // are moved together at its upper end.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new

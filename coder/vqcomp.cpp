@@ -145,7 +145,8 @@ struct delta {
 // 1 + 5 + 9 + 1 bytes at most.
 [[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
                                                                const delta& moved) {
-  const auto number = unsigned(std::max(position - max_short_position, 0));
+  const int beyond = position - max_short_position;
+  const auto number = unsigned(beyond & ~(beyond >> 31));  // of std::max(), g++ makes a branch
   const int place = std::min(position, max_short_position + 1) << position_shift;
   const long long in_lines = -static_cast<long long>(moved.is_in_lines);  // a mask
   const auto head = unsigned(place | (((moved.lines ^ long_delta) & 0xF & in_lines) ^ long_delta));
