@@ -1,0 +1,65 @@
+"""What the library reports, as exceptions."""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Optional, Union
+
+from ._library import Failure
+
+FileName = Union[str, bytes, None]
+
+_MISUSE, _CANNOT_OPEN, _CANNOT_READ, _CANNOT_WRITE, _BAD_INPUT, _REFUSED, _NO_MEMORY = range(1, 8)
+
+
+class Error(Exception):
+    """The input is no trace, is damaged or is not whole, or it could not be read or written.
+
+    str() is one line with the position, as vqpack(1) prints it.
+    """
+
+    message: str
+    """The fault alone, as "Bad checksum"."""
+
+    record: Optional[int]
+    """The 1-based number of the transaction, in text of the line; None where none applies."""
+
+    byte: Optional[int]
+    """The offset in a QUBIX file at which the fault was noticed; None where none applies."""
+
+    transactions: Any = None
+    """From `read_all()` and `to_pandas()`: what was read before the fault, as they return it."""
+
+    def __init__(
+        self,
+        message: str,
+        record: Optional[int] = None,
+        byte: Optional[int] = None,
+        text: Optional[str] = None,
+    ) -> None:
+        super().__init__(message, record, byte, text)
+        self.message = message
+        self.record = record
+        self.byte = byte
+
+    def __str__(self) -> str:
+        return str(self.args[3] or self.message)
+
+
+def exception(failure: Failure, name: FileName) -> Optional[Exception]:
+    """The exception for a failure with the file of that name; None where nothing has failed."""
+    if not failure.code:
+        return None
+    message = failure.message.decode("utf-8", "replace")
+    text = failure.text.decode("utf-8", "replace")
+    if failure.code in (_MISUSE, _REFUSED):
+        return ValueError(text)
+    if failure.code == _NO_MEMORY:
+        return MemoryError(text)
+    error = Error(message, failure.record or None, max(failure.byte, 0) or None, text)
+    if failure.system_error:
+        reason = OSError(failure.system_error, os.strerror(failure.system_error), name)
+        if failure.code != _CANNOT_READ:
+            return reason
+        error.__cause__ = reason
+    return error

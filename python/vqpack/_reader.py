@@ -1,0 +1,176 @@
+"""Traces to arrays."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator
+from typing import TYPE_CHECKING, Any, Optional
+
+import numpy as np
+
+from ._errors import Error
+from ._handle import Handle, descriptor, encoded, file_name, identity, open_files
+from ._library import library
+from ._metadata import Metadata, decoded, from_fields, integer
+from ._types import FIELDS, TRANSACTION
+
+if TYPE_CHECKING:
+    import pandas
+
+    from ._types import Transactions
+
+# Transactions an array, unless the caller says otherwise.
+BATCH = 65536
+
+# At most so many a call of the library: Ctrl-C and other threads wait for milliseconds.
+PIECE = 1 << 18
+
+# A damaged file can claim any number of transactions: memory is taken in advance for this many.
+TRUSTED = 1 << 22
+
+
+class Reader(Handle, Iterator[Any]):
+    """A trace that is read once, from its start to its end; `vqpack.open` returns it.
+
+    It is an iterator over structured arrays of the dtype `TRANSACTION`, each a new one of `batch`
+    transactions, the last maybe shorter. `read`, `read_all` and `to_pandas` give what has not been
+    read yet. Close it, or use it in a `with` statement.
+    """
+
+    def __init__(self, source: Any, batch: int = BATCH) -> None:
+        self._batch = integer("batch", batch, 1, 2**48)
+        opened: Optional[tuple[int, int]]
+        if isinstance(source, (str, bytes, os.PathLike)):
+            path = encoded(source)
+            pointer = library.vqpack_open(path)
+            candidates = (identity(path + suffix) for suffix in (b"", b".gz", b".bz2"))
+            opened = next(filter(None, candidates), None)
+        else:
+            number = descriptor(source)
+            pointer = library.vqpack_open_descriptor(number)
+            opened = identity(number)
+        super().__init__(
+            pointer, file_name(source), library.vqpack_reader_error, library.vqpack_reader_close
+        )
+        if opened:
+            open_files[pointer] = opened
+        fields = library.vqpack_reader_metadata(pointer).contents
+        self._metadata = from_fields(fields)
+        self._names = tuple(decoded(fields.type_names[i]) for i in range(fields.type_name_count))
+        self._delivered = 0
+
+    @property
+    def metadata(self) -> Metadata:
+        """What the file says of its trace; also once it is closed."""
+        return self._metadata
+
+    @property
+    def names(self) -> tuple[str, ...]:
+        """The names of the types by code: `vqpack.NAMES` or, in rare files, their own."""
+        return self._names
+
+    def __enter__(self) -> Reader:
+        self._opened()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Closes the trace. Closing it again does nothing."""
+        self._free()
+
+    def __next__(self) -> Transactions:
+        transactions = self.read(self._batch)
+        if not len(transactions):
+            raise StopIteration
+        return transactions
+
+    def read(self, n: int) -> Transactions:
+        """The next n transactions; fewer where the trace ends or has a fault, none at its end.
+
+        A fault raises Error once all transactions before it have been delivered.
+        """
+        n = integer("n", n, 0, 2**63 - 1)
+        transactions = self._gather(n)
+        if n and not len(transactions):
+            self._raise_fault(transactions)
+        return transactions
+
+    def read_all(self) -> Transactions:
+        """All further transactions, 24 bytes each.
+
+        A fault raises Error, whose `transactions` are those before it.
+        """
+        transactions = self._gather(2**63 - 1)
+        self._raise_fault(transactions)
+        return transactions
+
+    def to_pandas(self) -> pandas.DataFrame:
+        """All further transactions as a data frame, 17 bytes each.
+
+        Its columns are address (uint64), agent (int32), count (uint32) and type, a categorical
+        whose categories are `names`, in the order of their codes. A fault raises Error, whose
+        `transactions` are a data frame of those before it. Needs pandas.
+        """
+        try:
+            import pandas
+        except ImportError as error:
+            raise ImportError("to_pandas() needs pandas: install python3-pandas") from error
+        piece = np.empty(BATCH, TRANSACTION)
+        expected = self._expected()
+        columns = {name: np.empty(expected, TRANSACTION[name]) for name in FIELDS}
+        length = 0
+        while got := self._fill(piece):
+            for name, column in columns.items():
+                if length + got > len(column):
+                    column.resize(2 * len(column), refcheck=False)
+                column[length : length + got] = piece[name][:got]
+            length += got
+        for column in columns.values():
+            column.resize(length, refcheck=False)
+        categories = list(dict.fromkeys(self._names))
+        codes = columns["type"]
+        if len(categories) < len(self._names):  # a file's own names may repeat
+            codes = np.array([categories.index(name) for name in self._names])[codes]
+        data = {**columns, "type": pandas.Categorical.from_codes(codes, categories)}
+        frame = pandas.DataFrame(data, copy=False)
+        self._raise_fault(frame)
+        return frame
+
+    def _expected(self) -> int:
+        """How many transactions to take memory for. One too many lets a read meet the end."""
+        known = self._metadata.transactions or 0
+        return min(max(known - self._delivered, BATCH), TRUSTED) + 1
+
+    def _gather(self, n: int) -> Transactions:
+        """The next n, or those before the end or a fault."""
+        transactions = np.empty(min(n, self._expected()), TRANSACTION)
+        length = got = self._fill(transactions)
+        while got and length == len(transactions) < n:
+            transactions.resize(min(2 * length, n), refcheck=False)
+            got = self._fill(transactions, length)
+            length += got
+        transactions.resize(length, refcheck=False)
+        return transactions
+
+    def _fill(self, transactions: Transactions, begin: int = 0) -> int:
+        """Reads into an array from `begin` on. Returns how many came: 0 at the end or a fault."""
+        with self._lock:
+            length = begin
+            while length < len(transactions):
+                wanted = min(len(transactions) - length, PIECE)
+                address = transactions.ctypes.data + length * TRANSACTION.itemsize
+                got = library.vqpack_read(self._opened(), address, wanted)
+                length += max(got, 0)
+                if got < wanted:
+                    break
+            self._delivered += length - begin
+            return length - begin
+
+    def _raise_fault(self, transactions: Any) -> None:
+        error = self._fault()
+        if isinstance(error, Error):
+            error.transactions = transactions
+        if error is not None:
+            raise error
