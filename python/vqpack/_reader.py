@@ -25,8 +25,8 @@ BATCH = 65536
 # At most so many a call of the library: Ctrl-C and other threads wait for milliseconds.
 PIECE = 1 << 18
 
-# A damaged file can claim any number of transactions: memory is taken in advance for this many.
-TRUSTED = 1 << 22
+# A damaged file can claim any number of transactions: no more than this are reserved at once.
+TRUSTED = 1 << 24
 
 
 class Reader(Handle, Iterator[Any]):
@@ -118,13 +118,13 @@ class Reader(Handle, Iterator[Any]):
         except ImportError as error:
             raise ImportError("to_pandas() needs pandas: install python3-pandas") from error
         piece = np.empty(BATCH, TRANSACTION)
-        expected = self._expected()
-        columns = {name: np.empty(expected, TRANSACTION[name]) for name in FIELDS}
+        rest = self._rest()
+        columns = {name: np.empty(_longer(0, rest), TRANSACTION[name]) for name in FIELDS}
         length = 0
         while got := self._fill(piece):
             for name, column in columns.items():
                 if length + got > len(column):
-                    column.resize(2 * len(column), refcheck=False)
+                    column.resize(_longer(len(column), rest), refcheck=False)
                 column[length : length + got] = piece[name][:got]
             length += got
         for column in columns.values():
@@ -138,17 +138,17 @@ class Reader(Handle, Iterator[Any]):
         self._raise_fault(frame)
         return frame
 
-    def _expected(self) -> int:
-        """How many transactions to take memory for. One too many lets a read meet the end."""
-        known = self._metadata.transactions or 0
-        return min(max(known - self._delivered, BATCH), TRUSTED) + 1
+    def _rest(self) -> int:
+        """How many transactions are left; 0 where it is not known."""
+        return max((self._metadata.transactions or 0) - self._delivered, 0)
 
     def _gather(self, n: int) -> Transactions:
         """The next n, or those before the end or a fault."""
-        transactions = np.empty(min(n, self._expected()), TRANSACTION)
+        rest = self._rest()
+        transactions = np.empty(min(n, _longer(0, rest)), TRANSACTION)
         length = got = self._fill(transactions)
         while got and length == len(transactions) < n:
-            transactions.resize(min(2 * length, n), refcheck=False)
+            transactions.resize(min(n, _longer(length, rest)), refcheck=False)
             got = self._fill(transactions, length)
             length += got
         transactions.resize(length, refcheck=False)
@@ -174,3 +174,10 @@ class Reader(Handle, Iterator[Any]):
             error.transactions = transactions
         if error is not None:
             raise error
+
+
+def _longer(length: int, rest: int) -> int:
+    """The next length of a full array that is to take `rest` transactions, or more if need be."""
+    if length <= rest:  # with one more, the last read meets the end
+        return min(rest + 1, max(2 * length, TRUSTED))
+    return max(2 * length, BATCH)
