@@ -71,7 +71,7 @@ typedef struct {
   int64_t record;       /* 1-based number of the transaction or text line; 0: none applies */
   int64_t byte;         /* 0-based offset in a QUBIX input; 0 or less: none applies */
   const char* message;  /* one line without position or newline; "" while nothing has failed */
-  const char* text;     /* the same with the position, as vqpack(1) prints it */
+  const char* text;     /* the same with the position, as vqpack(1) prints it, or the reason */
 } vqpack_error;
 
 /* Metadata */
@@ -105,8 +105,11 @@ typedef struct {
   uint32_t context_limit;     /* most contexts that coder and decoder keep; 0: no limit */
   uint32_t sensitivity_count; /* 0 to 255 */
   const vqpack_sensitivity* sensitivity;
-  const char* comment;  /* null: none */
-  uint64_t reserved[2]; /* 0 */
+  const char* comment;           /* null: none */
+  const char* const* type_names; /* by code: the 68 names or, in rare files, their own; to a writer
+                                    of no matter */
+  uint32_t type_name_count;
+  uint32_t reserved; /* 0 */
 } vqpack_metadata;
 
 /* Sets everything for a file of this type: context-coded but for type 0, a context limit of 16383,

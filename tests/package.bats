@@ -41,16 +41,19 @@ END
 @test "the installed tree holds what is published and nothing else" {
   install_to "$prefix"
   find "$prefix" -type f -printf '%P\n' | sed 's,^lib[^/]*/\([a-z0-9_-]*-linux-gnu[^/]*/\)\?,lib/,' |
-    sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,' | LC_ALL=C sort >found
-  ls "$SOURCE"/examples/*.cpp "$SOURCE"/doc/*.md 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
+    sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,; s,\.so\.[0-9.]*$,.so.VERSION,' | LC_ALL=C sort >found
+  ls "$SOURCE"/examples/*.c* "$SOURCE"/doc/*.md 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
   LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
 include/vqpack/vqcomp.h
+include/vqpack/vqpack.h
 include/vqpack/vqtypes.h
 lib/cmake/vqpack/vqpack-config-CONFIG.cmake
 lib/cmake/vqpack/vqpack-config-version.cmake
 lib/cmake/vqpack/vqpack-config.cmake
 lib/libvqcomp.a
+lib/libvqpack.so.VERSION
+lib/pkgconfig/libvqpack.pc
 lib/pkgconfig/vqpack.pc
 share/bash-completion/completions/vqpack
 share/doc/vqpack/CHANGELOG.md
@@ -174,6 +177,33 @@ END
       "$library" -o built/$example
   done
   check_examples built
+}
+
+@test "the library for C exports what its header declares, and a program in C uses it" {
+  install_to "$prefix"
+  library=$(find "$prefix" -name libvqpack.so.0)
+  readelf -d "$library" | grep SONAME | grep -q 'libvqpack\.so\.0\]'
+  nm -P --defined-only --dynamic "$library" | sed -n 's/^\([^ @]*\)@.* T .*/\1/p' | sort >exported
+  grep -o '^VQPACK_API.*(' "$prefix/include/vqpack/vqpack.h" | sed 's/.*[ *]\([a-z_]*\)($/\1/' | sort |
+    diff exported -
+  run -1 grep -v ^vqpack_ exported
+  PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name libvqpack.pc)")
+  export PKG_CONFIG_PATH
+  eval "${CC:-cc} -std=c11 -Wall -Wextra -pedantic -Werror '$SOURCE/examples/copy.c'" \
+    "$(pkg-config --cflags --libs libvqpack) '-Wl,-rpath,$(dirname "$library")' -o copy"
+  for type in 0 1; do
+    ./copy $type "$SAMPLES/sort.velk" copied.qu
+    "$VQPACK" -q -v $type "$SAMPLES/sort.velk" packed.qu
+    cmp copied.qu packed.qu
+    ./copy 5 packed.qu copied.qu.gz
+    "$VQPACK" -q -v $type copied.qu.gz again.qu
+    cmp again.qu packed.qu
+  done
+  ./copy 4 "$SAMPLES/sort.velk" copied.qu
+  "$VQPACK" copied.qu | cmp - "$SAMPLES/sort.velk"
+  run -1 ./copy 1 "$SOURCE/README.md" bad.qu
+  [ "$output" = "$SOURCE/README.md: Bad input line, at record 1" ]
+  [ ! -e bad.qu ]
 }
 
 @test "the shared library exports what the header declares; DESTDIR" {

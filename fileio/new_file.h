@@ -1,0 +1,38 @@
+// Files that take their names once they are whole.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdio>
+#include <string>
+
+#include "fileio/process.h"
+
+// A file to be written. Until commit() it has a name of its own beside the one that it is for; what
+// had that name stays as it was if something fails. Links are followed, and what is no regular
+// file, as a device or a named pipe, is written in place. Files for *.gz and *.bz2 are compressed.
+class new_file {
+ public:
+  // Throws std::system_error if the file cannot be written.
+  explicit new_file(const std::string& name);
+  // Takes a descriptor; there is nothing to be named then.
+  explicit new_file(descriptor fd);
+  // Drops the file unless it has been committed.
+  ~new_file();
+  new_file(const new_file&) = delete;
+  new_file& operator=(const new_file&) = delete;
+
+  FILE* stream() const { return stream_; }
+
+  // Closes the file and gives it its name. Throws std::system_error if not all of it was written.
+  void commit();
+
+ private:
+  void open(descriptor fd, const char* compressor);
+  bool close();
+
+  std::string name_;
+  std::string temporary_;  // empty: written in place
+  FILE* stream_ = nullptr;
+  pid_t process_ = 0;
+};

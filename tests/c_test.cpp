@@ -1,0 +1,264 @@
+// The C interface: what it reads and writes, where it fails, and what it leaves.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "c/vqpack.h"
+
+namespace fs = std::filesystem;
+
+static_assert(sizeof(vqpack_transaction) == 24 && sizeof(vqpack_error) == 40 &&
+              sizeof(vqpack_sensitivity) == 28 && sizeof(vqpack_metadata) == 88 &&
+              sizeof(vqpack_summary) == 24);
+
+namespace {
+
+struct closer {
+  void operator()(vqpack_reader* reader) const { vqpack_reader_close(reader); }
+  void operator()(vqpack_writer* writer) const { vqpack_writer_close(writer); }
+};
+using reader_ptr = std::unique_ptr<vqpack_reader, closer>;
+using writer_ptr = std::unique_ptr<vqpack_writer, closer>;
+using transactions = std::vector<vqpack_transaction>;
+
+transactions make_trace(std::size_t size) {
+  transactions trace(size);
+  for (std::size_t i = 0; i < size; ++i)
+    trace[i] = {static_cast<int64_t>(i * i % 4096 * 64), int32_t(i % 3), uint32_t(i % 5), 28, {}};
+  return trace;
+}
+
+// As text, which is easily compared.
+std::string text_of(const transactions& trace, bool counted) {
+  std::ostringstream text;
+  for (const vqpack_transaction& t : trace)
+    text << vqpack_type_name(t.type) << ' ' << t.address << ' ' << t.agent << ' '
+         << (counted ? t.count : 1) << '\n';
+  return text.str();
+}
+
+transactions read_all(vqpack_reader* reader, std::size_t batch) {
+  transactions all, part(batch);
+  for (int64_t got; (got = vqpack_read(reader, part.data(), batch)) > 0;)
+    all.insert(all.end(), part.begin(), part.begin() + got);
+  return all;
+}
+
+// A folder of its own, which has to be empty in the end.
+class c_interface : public testing::Test {
+ protected:
+  c_interface() { fs::create_directories(folder_); }
+  ~c_interface() override { fs::remove_all(folder_); }
+
+  std::string path(const std::string& name) const { return folder_ / name; }
+  std::size_t files() const {
+    return std::size_t(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()));
+  }
+  std::string put(const std::string& name, const std::string& content) const {
+    std::ofstream(path(name), std::ios::binary) << content;
+    return path(name);
+  }
+  static std::string content(const std::string& name) {
+    std::ostringstream all;
+    all << std::ifstream(name, std::ios::binary).rdbuf();
+    return all.str();
+  }
+
+ private:
+  fs::path folder_ = fs::temp_directory_path() / ("vqpack_c_test." + std::to_string(getpid()));
+};
+
+TEST_F(c_interface, what_is_written_is_read_back) {
+  const transactions trace = make_trace(10000);
+  const vqpack_sensitivity point{1, 2, 3, 4, 5, 6, 7};
+  for (int type = 0; type < 6; ++type)
+    for (const char* const name : {"run.qu", "run.qu.gz", "run.qu.bz2"}) {
+      SCOPED_TRACE(std::to_string(type) + " " + name);
+      vqpack_metadata metadata;
+      vqpack_metadata_init(&metadata, type);
+      metadata.transactions = int64_t(trace.size());
+      metadata.threads = 12;
+      metadata.sensitivity = &point;
+      metadata.sensitivity_count = 1;
+      metadata.comment = "a comment";
+      const writer_ptr writer(vqpack_create(path(name).c_str(), &metadata, VQPACK_WINDOW));
+      EXPECT_EQ(vqpack_write(writer.get(), trace.data(), 3), 0);
+      EXPECT_EQ(vqpack_write(writer.get(), trace.data() + 3, trace.size() - 3), 0);
+      vqpack_summary summary;
+      ASSERT_EQ(vqpack_finish(writer.get(), &summary), 0)
+          << vqpack_writer_error(writer.get())->text;
+      EXPECT_EQ(summary.transactions, int64_t(trace.size()));
+      EXPECT_EQ(vqpack_write(writer.get(), trace.data(), 1), -1);
+      EXPECT_EQ(vqpack_writer_error(writer.get())->code, VQPACK_MISUSE);
+
+      const reader_ptr reader(vqpack_open(path(name).c_str()));
+      const vqpack_metadata* const read = vqpack_reader_metadata(reader.get());
+      ASSERT_NE(read, nullptr) << vqpack_reader_error(reader.get())->text;
+      EXPECT_EQ(read->file_type, type);
+      EXPECT_EQ(read->context_coded, type != 0);
+      if (type >= 2) {
+        EXPECT_EQ(read->transactions, int64_t(trace.size()));
+        EXPECT_EQ(read->threads, 12u);
+        ASSERT_EQ(read->sensitivity_count, 1u);
+        EXPECT_EQ(read->sensitivity[0].llc_misses, 7u);
+      }
+      EXPECT_STREQ(read->comment, type >= 4 ? "a comment" : nullptr);
+      const bool counted = type == 3 || type == 5;
+      EXPECT_EQ(text_of(read_all(reader.get(), 777), true), text_of(trace, counted));
+      EXPECT_EQ(vqpack_reader_error(reader.get())->code, VQPACK_OK);
+      EXPECT_EQ(vqpack_read(reader.get(), nullptr, 5), 0);
+    }
+}
+
+TEST_F(c_interface, text_is_read_by_name_and_from_a_descriptor) {
+  const std::string name = put("run.velk", "MEMRD64B 40 1 7\nLNWR 80 0\n\nCDRD 40 0\n");
+  const int fd = open(name.c_str(), O_RDONLY);
+  for (const bool by_name : {true, false}) {
+    const reader_ptr reader(by_name ? vqpack_open(name.c_str()) : vqpack_open_descriptor(fd));
+    EXPECT_EQ(vqpack_reader_metadata(reader.get())->file_type, -1);
+    vqpack_transaction two[2];
+    ASSERT_EQ(vqpack_read(reader.get(), two, 2), 2);
+    EXPECT_EQ(text_of({two[0], two[1]}, true), "MEMRD64B 64 1 7\nLNWR 128 0 1\n");
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      EXPECT_EQ(vqpack_read(reader.get(), two, 2), -1);
+      const vqpack_error* const error = vqpack_reader_error(reader.get());
+      EXPECT_EQ(error->code, VQPACK_BAD_INPUT);
+      EXPECT_EQ(error->record, 3);
+      EXPECT_STREQ(error->message, "Bad input line");
+      EXPECT_STREQ(error->text, "Bad input line, at record 3");
+    }
+  }
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(c_interface, what_cannot_be_read_is_an_error) {
+  const std::string good = put("good.velk", "MEMRD 8 0\n");
+  ASSERT_EQ(std::system(("gzip -k " + good).c_str()), 0);
+  std::string damaged = content(good + ".gz");
+  damaged.resize(damaged.size() - 6);
+  put("damaged.gz", damaged);
+  put("short.qu", "QU\1");
+  const struct {
+    std::string name;
+    int code, system_error;
+  } cases[] = {
+      {path("none"), VQPACK_CANNOT_OPEN, ENOENT},   {path("none.gz"), VQPACK_CANNOT_OPEN, ENOENT},
+      {path(""), VQPACK_CANNOT_OPEN, EISDIR},       {"", VQPACK_CANNOT_OPEN, ENOENT},
+      {"|cat " + good, VQPACK_CANNOT_OPEN, ENOENT}, {path("damaged.gz"), VQPACK_CANNOT_READ, 0},
+      {path("short.qu"), VQPACK_BAD_INPUT, 0},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.name);
+    const reader_ptr reader(vqpack_open(each.name.c_str()));
+    read_all(reader.get(), 10);
+    EXPECT_EQ(vqpack_reader_error(reader.get())->code, each.code);
+    EXPECT_EQ(vqpack_reader_error(reader.get())->system_error, each.system_error);
+  }
+  const reader_ptr reader(vqpack_open_descriptor(-1));
+  EXPECT_EQ(vqpack_reader_error(reader.get())->system_error, EBADF);
+  EXPECT_EQ(vqpack_reader_error(nullptr)->code, VQPACK_NO_MEMORY);
+  EXPECT_EQ(vqpack_read(nullptr, nullptr, 0), -1);
+}
+
+TEST_F(c_interface, a_name_changes_hands_when_the_file_is_whole) {
+  const std::string target = put("old", "kept"), link = path("link");
+  fs::create_symlink("old", link);
+  fs::permissions(target, fs::perms(0640));
+  vqpack_metadata metadata;
+  vqpack_metadata_init(&metadata, 1);
+  const transactions trace = make_trace(100000);
+  transactions refused = make_trace(3);
+  refused[1].address = 3;
+  {
+    const writer_ptr dropped(vqpack_create(link.c_str(), &metadata, VQPACK_WINDOW));
+    EXPECT_EQ(vqpack_write(dropped.get(), trace.data(), trace.size()), 0);
+    EXPECT_EQ(files(), 3u);
+  }
+  {
+    const writer_ptr writer(vqpack_create(target.c_str(), &metadata, VQPACK_WINDOW));
+    EXPECT_EQ(vqpack_write(writer.get(), refused.data(), 3), -1);
+    EXPECT_EQ(vqpack_writer_error(writer.get())->code, VQPACK_REFUSED);
+    EXPECT_EQ(vqpack_writer_error(writer.get())->record, 2);
+    EXPECT_EQ(vqpack_finish(writer.get(), nullptr), -1);
+  }
+  EXPECT_EQ(content(target), "kept");
+  EXPECT_EQ(files(), 2u);
+  {
+    const writer_ptr writer(vqpack_create(link.c_str(), &metadata, VQPACK_WINDOW));
+    EXPECT_EQ(vqpack_finish(writer.get(), nullptr), 0);
+  }
+  EXPECT_EQ(files(), 2u);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(content(target).substr(0, 3), "QU\1");
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0640));
+}
+
+TEST_F(c_interface, what_cannot_be_written_is_an_error) {
+  signal(SIGPIPE, SIG_DFL);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  vqpack_metadata good, bad_type, no_context;
+  vqpack_metadata_init(&good, 1);
+  vqpack_metadata_init(&bad_type, 6);
+  vqpack_metadata_init(&no_context, 2);
+  no_context.threads = 1 << 16;
+  const auto create = [&](const char* name, const vqpack_metadata* metadata) {
+    return writer_ptr(vqpack_create(name, metadata, VQPACK_WINDOW));
+  };
+  const auto failure = [](writer_ptr writer) {
+    const transactions trace = make_trace(200000);
+    vqpack_write(writer.get(), trace.data(), trace.size());
+    EXPECT_EQ(vqpack_finish(writer.get(), nullptr), -1);
+    return vqpack_writer_error(writer.get())->code;
+  };
+  EXPECT_EQ(failure(create("/dev/full", &good)), VQPACK_CANNOT_WRITE);
+  EXPECT_EQ(failure(create(path("no/where").c_str(), &good)), VQPACK_CANNOT_OPEN);
+  EXPECT_EQ(failure(create(path("").c_str(), &good)), VQPACK_CANNOT_OPEN);
+  EXPECT_EQ(failure(create(path("x").c_str(), &bad_type)), VQPACK_MISUSE);
+  EXPECT_EQ(failure(create(path("x").c_str(), &no_context)), VQPACK_REFUSED);
+  EXPECT_EQ(failure(create(path("x").c_str(), nullptr)), VQPACK_MISUSE);
+  EXPECT_EQ(failure(writer_ptr(vqpack_create_descriptor(ends[1], &good, VQPACK_WINDOW))),
+            VQPACK_CANNOT_WRITE);
+  EXPECT_EQ(files(), 0u);
+  close(ends[1]);
+}
+
+TEST_F(c_interface, threads_use_objects_of_their_own) {
+  const transactions trace = make_trace(50000);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&, name = path("run" + std::to_string(i) + ".qu.gz")] {
+      vqpack_metadata metadata;
+      vqpack_metadata_init(&metadata, 5);
+      for (int round = 0; round < 5; ++round) {
+        const writer_ptr writer(vqpack_create(name.c_str(), &metadata, VQPACK_WINDOW));
+        vqpack_write(writer.get(), trace.data(), trace.size());
+        EXPECT_EQ(vqpack_finish(writer.get(), nullptr), 0);
+        const reader_ptr reader(vqpack_open(name.c_str()));
+        EXPECT_EQ(text_of(read_all(reader.get(), 4096), true), text_of(trace, true));
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(c_interface_types, have_names_and_codes) {
+  for (unsigned code = 0; code < 68; ++code)
+    EXPECT_EQ(vqpack_type_code(vqpack_type_name(code)), int(code));
+  EXPECT_EQ(vqpack_type_name(68), nullptr);
+  EXPECT_EQ(vqpack_type_code("MEMRD64"), -1);
+  EXPECT_EQ(vqpack_type_code(nullptr), -1);
+}
+
+}  // namespace
