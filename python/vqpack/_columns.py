@@ -163,12 +163,14 @@ def _codes(values: Any) -> Column:
     array = _array("type", values)
     if array.dtype.kind not in "USO":
         return _integers("type", values)
-    names = array.ravel().tolist()
-    try:
-        codes = np.fromiter(map(_LOOKUP.__getitem__, names), np.uint8, len(names))
-    except KeyError:
-        index = next(i for i, name in enumerate(names) if name not in _LOOKUP)
-        raise ValueError(f"type: {names[index]!r} at index {index} is no type") from None
+    codes = np.empty(array.size, np.uint8)
+    for begin in range(0, array.size, PIECE):  # lists of more strings would fill the memory
+        names = array.ravel()[begin : begin + PIECE].tolist()
+        try:
+            codes[begin : begin + PIECE] = [_LOOKUP[name] for name in names]
+        except KeyError as error:
+            index = begin + names.index(error.args[0])
+            raise ValueError(f"type: {error.args[0]!r} at index {index} is no type") from None
     return codes.reshape(array.shape)
 
 

@@ -13,50 +13,43 @@ _MISUSE, _CANNOT_OPEN, _CANNOT_READ, _CANNOT_WRITE, _BAD_INPUT, _REFUSED, _NO_ME
 
 
 class Error(Exception):
-    """The input is no trace, is damaged or is not whole, or it could not be read or written.
+    """The input is no trace, is damaged or is not whole, or it could not be read.
 
-    str() is one line with the position, as vqpack(1) prints it.
+    message       the fault alone, as "Bad checksum"
+    record        1-based number of the transaction, in text of the line; None where none applies
+    byte          offset in a QUBIX file where it was noticed; None where none applies
+    transactions  from `read_all()` and `to_pandas()` what they have read before the fault
+
+    str() gives one line with the position, as vqpack(1) prints it.
     """
 
-    message: str
-    """The fault alone, as "Bad checksum"."""
-
-    record: Optional[int]
-    """The 1-based number of the transaction, in text of the line; None where none applies."""
-
-    byte: Optional[int]
-    """The offset in a QUBIX file at which the fault was noticed; None where none applies."""
-
     transactions: Any = None
-    """From `read_all()` and `to_pandas()`: what was read before the fault, as they return it."""
 
     def __init__(
-        self,
-        message: str,
-        record: Optional[int] = None,
-        byte: Optional[int] = None,
-        text: Optional[str] = None,
+        self, message: str, record: Optional[int] = None, byte: Optional[int] = None
     ) -> None:
-        super().__init__(message, record, byte, text)
+        super().__init__(message, record, byte)
         self.message = message
         self.record = record
         self.byte = byte
 
     def __str__(self) -> str:
-        return str(self.args[3] or self.message)
+        named = (("record", self.record), ("byte", self.byte))
+        places = [f"{name} {number}" for name, number in named if number is not None]
+        return f"{self.message}, at {', '.join(places)}" if places else self.message
 
 
 def exception(failure: Failure, name: FileName) -> Optional[Exception]:
     """The exception for a failure with the file of that name; None where nothing has failed."""
     if not failure.code:
         return None
-    message = failure.message.decode("utf-8", "replace")
     text = failure.text.decode("utf-8", "replace")
     if failure.code in (_MISUSE, _REFUSED):
         return ValueError(text)
     if failure.code == _NO_MEMORY:
         return MemoryError(text)
-    error = Error(message, failure.record or None, max(failure.byte, 0) or None, text)
+    message = failure.message.decode("utf-8", "replace")
+    error = Error(message, failure.record or None, max(failure.byte, 0) or None)
     if failure.system_error:
         reason = OSError(failure.system_error, os.strerror(failure.system_error), name)
         if failure.code != _CANNOT_READ:

@@ -25,8 +25,12 @@ BATCH = 65536
 # At most so many a call of the library: Ctrl-C and other threads wait for milliseconds.
 PIECE = 1 << 18
 
-# A damaged file can claim any number of transactions: no more than this are reserved at once.
+# A damaged file can claim any number of transactions: no more than this are reserved at once. It can
+# also hold a run of billions in a few bytes: read_all() takes this many, or twice the number in the
+# file, for proof of that.
 TRUSTED = 1 << 24
+
+MEMORY = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")  # of the machine, in bytes
 
 
 class Reader(Handle, Iterator[Any]):
@@ -98,11 +102,11 @@ class Reader(Handle, Iterator[Any]):
         return transactions
 
     def read_all(self) -> Transactions:
-        """All further transactions, 24 bytes each.
+        """All further transactions, 24 bytes each; MemoryError if the machine has not so many.
 
         A fault raises Error, whose `transactions` are those before it.
         """
-        transactions = self._gather(2**63 - 1)
+        transactions = self._gather(self._most())
         self._raise_fault(transactions)
         return transactions
 
@@ -121,7 +125,7 @@ class Reader(Handle, Iterator[Any]):
         rest = self._rest()
         columns = {name: np.empty(_longer(0, rest), TRANSACTION[name]) for name in FIELDS}
         length = 0
-        while got := self._fill(piece):
+        while length < self._most() and (got := self._fill(piece)):
             for name, column in columns.items():
                 if length + got > len(column):
                     column.resize(_longer(len(column), rest), refcheck=False)
@@ -141,6 +145,11 @@ class Reader(Handle, Iterator[Any]):
     def _rest(self) -> int:
         """How many transactions are left; 0 where it is not known."""
         return max((self._metadata.transactions or 0) - self._delivered, 0)
+
+    def _most(self) -> int:
+        """A good trace has fewer transactions."""
+        known = self._metadata.transactions
+        return max(2 * known, TRUSTED) if known else 2**63 - 1
 
     def _gather(self, n: int) -> Transactions:
         """The next n, or those before the end or a fault."""
@@ -170,6 +179,8 @@ class Reader(Handle, Iterator[Any]):
 
     def _raise_fault(self, transactions: Any) -> None:
         error = self._fault()
+        if error is None and len(transactions) >= self._most():
+            error = Error("Bad transaction count", self._delivered)
         if isinstance(error, Error):
             error.transactions = transactions
         if error is not None:
@@ -179,5 +190,9 @@ class Reader(Handle, Iterator[Any]):
 def _longer(length: int, rest: int) -> int:
     """The next length of a full array that is to take `rest` transactions, or more if need be."""
     if length <= rest:  # with one more, the last read meets the end
-        return min(rest + 1, max(2 * length, TRUSTED))
-    return max(2 * length, BATCH)
+        longer = min(rest + 1, max(2 * length, TRUSTED))
+    else:
+        longer = max(2 * length, BATCH)
+    if longer * TRANSACTION.itemsize > MEMORY:
+        raise MemoryError(f"no room for {longer} transactions; read them in arrays of some length")
+    return longer

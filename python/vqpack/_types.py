@@ -13,16 +13,11 @@ if TYPE_CHECKING:
 
     Transactions = npt.NDArray[np.void]
 
-# The layout of vqpack_transaction: the library fills and reads arrays in place.
-FIELDS = ["address", "agent", "count", "type"]
+# The layout of vqpack_transaction, 24 bytes: the library fills and reads arrays in place.
 TRANSACTION = np.dtype(
-    {
-        "names": FIELDS,
-        "formats": ["u8", "i4", "u4", "u1"],
-        "offsets": [0, 8, 12, 16],
-        "itemsize": 24,
-    }
+    [("address", "u8"), ("agent", "i4"), ("count", "u4"), ("type", "u1")], align=True
 )
+FIELDS = ("address", "agent", "count", "type")
 
 NAMES: tuple[str, ...] = tuple(library.vqpack_type_name(code).decode() for code in range(68))
 CODES: dict[str, int] = {name: code for code, name in enumerate(NAMES)}
