@@ -72,7 +72,9 @@ def open(source: Any, batch: int = _BATCH) -> Reader:
     return Reader(source, batch)
 
 
-def write(target: Any, transactions: Any, version: int = 1, **options: Any) -> None:
+def write(
+    target: Any, transactions: Any, version: int = 1, compressed: bool = True, **options: Any
+) -> None:
     """Writes a QUBIX file of the file type `version`: one call for a `Writer`.
 
     `target` is a path, whose file is replaced once all has been written, or an object with
@@ -86,10 +88,10 @@ def write(target: Any, transactions: Any, version: int = 1, **options: Any) -> N
     Types are codes, names or a categorical of names. Everything is checked before the file is
     touched: TypeError and ValueError name the first value that is wrong.
 
-    `options` are those of `Writer`. To keep what another file says of the trace:
+    `compressed` and the `options` are those of `Writer`. To keep what another file says of the trace:
     `write(target, kept, version=5, **trace.metadata.description())`
     """
     given = _columns(transactions)
     _check(given, version)
-    with Writer(target, version, transactions=given.length, **options) as writer:
+    with Writer(target, version, compressed, transactions=given.length, **options) as writer:
         writer._take(given)

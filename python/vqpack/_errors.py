@@ -48,11 +48,11 @@ def exception(failure: Failure, name: FileName) -> Optional[Exception]:
         return ValueError(text)
     if failure.code == _NO_MEMORY:
         return MemoryError(text)
+    number = failure.system_error
+    reason = OSError(number, os.strerror(number), name) if number else OSError(text)
+    if failure.code in (_CANNOT_OPEN, _CANNOT_WRITE):
+        return reason
     message = failure.message.decode("utf-8", "replace")
     error = Error(message, failure.record or None, max(failure.byte, 0) or None)
-    if failure.system_error:
-        reason = OSError(failure.system_error, os.strerror(failure.system_error), name)
-        if failure.code != _CANNOT_READ:
-            return reason
-        error.__cause__ = reason
+    error.__cause__ = reason if number else None
     return error
