@@ -15,7 +15,7 @@
 #include "coder/inslist.h"
 #include "coder/line_format.h"
 #include "coder/line_scan.h"
-#include "coder/read_bytes.h"
+#include "coder/stdio_bytes.h"
 #include "coder/record_format.h"
 #include "coder/vqcomp.h"
 

@@ -49,7 +49,7 @@ class failure_state {
     } catch (const std::system_error& error) {
       fail(when_system_fails, error.code());
     } catch (const std::exception&) {
-      error_ = out_of_memory;  // nothing else throws any
+      error_ = out_of_memory;  // only memory can run out here
     }
     return otherwise;
   }
@@ -57,17 +57,17 @@ class failure_state {
  private:
   void fail(const VQcomp_error& error) noexcept {
     error_ = {code_of(error.fault), 0, error.record, error.byte, error.msg, error.msg};
-    set_text([&] { return error.str(); });
+    if (error.fault != VQfault::cannot_read) set_text([&] { return error.str(); });
   }
 
   void fail(int32_t code, const std::error_code& why) noexcept {
     const bool opening = code == VQPACK_CANNOT_OPEN;
     const char* const message = opening ? "Can't open file" : "Can't write output";
     error_ = {code, why.value(), 0, 0, message, message};
-    set_text([&] { return message + (": " + why.message()); });
+    if (why) set_text([&] { return message + (": " + why.message()); });
   }
 
-  // Where memory runs out, the bare message has to do.
+  // Where memory runs out, the message alone remains.
   template <class Text>
   void set_text(Text text) noexcept {
     try {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <iterator>
@@ -54,18 +55,20 @@ struct vqpack_reader {
     state_.attempt(VQPACK_CANNOT_OPEN, false, [&] {
       input_ = open();
       if (!input_.stream) throw std::system_error(errno, std::generic_category());
-      std::setvbuf(input_.stream, nullptr, _IOFBF, 1 << 16);
+      std::setvbuf(input_.stream, buffer_.get(), _IOFBF, buffer_size);
       reader_.emplace(input_.stream, nullptr);
       header_.reset(reader_->pruv_header(false));
       describe();
-      return true;
+      return is_open_ = true;
     });
   }
 
   ~vqpack_reader() {
     reader_.reset();
     if (input_.stream) std::fclose(input_.stream);
-    if (input_.process) wait_for(input_.process);
+    if (!input_.process) return;
+    kill(input_.process, SIGTERM);  // it may be waiting for input
+    wait_for(input_.process);
   }
 
   int64_t read(vqpack_transaction* transactions, std::size_t size) {
@@ -82,7 +85,7 @@ struct vqpack_reader {
     return done > 0 ? done : all;
   }
 
-  const vqpack_metadata* metadata() const { return header_ ? &metadata_ : nullptr; }
+  const vqpack_metadata* metadata() const { return is_open_ ? &metadata_ : nullptr; }
   const vqpack_error& error() const { return state_.error(); }
 
  private:
@@ -104,7 +107,7 @@ struct vqpack_reader {
                  .context_coded = header.compression != 0,
                  .transactions = header.trans_count,
                  .instructions = header.inst_count,
-                 .cycles = header.cycle_count,
+                 .cycles = header.version < 2 ? 0 : header.cycle_count,
                  .threads = header.threads,
                  .cache_size_kib = header.cache_size_kib,
                  .line_size = header.line_size,
@@ -118,30 +121,37 @@ struct vqpack_reader {
                  .reserved = 0};
   }
 
+  static constexpr std::size_t buffer_size = 1 << 16;
+
   failure_state state_;
+  std::unique_ptr<char[]> buffer_{new (std::nothrow) char[buffer_size]};
   process_stream input_;
   std::optional<velk_reader> reader_;
   std::unique_ptr<PRUV_header_t> header_;
   std::vector<vqpack_sensitivity> points_;
   vqpack_metadata metadata_{};
+  bool is_open_ = false;
   bool ended_ = false;
 };
 
 namespace {
 
 process_stream open_file(const std::string& name) {
-  const std::string file = find_file(name);
-  if (file.empty()) return {};
-  descriptor fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status;
-  if (!fd || fstat(fd.get(), &status) != 0) return {};
-  if (S_ISDIR(status.st_mode)) {
-    errno = EISDIR;
-    return {};
+  for (const char* const suffix : {"", ".gz", ".bz2"}) {
+    const std::string file = name + suffix;
+    descriptor fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd && errno == ENOENT) continue;
+    struct stat status;
+    if (!fd || fstat(fd.get(), &status) != 0) return {};
+    if (S_ISDIR(status.st_mode)) {
+      errno = EISDIR;
+      return {};
+    }
+    if (const char* const program = compressor_of(file))
+      return open_compressor(program, true, fd, true);
+    return {fd.make_stream("r"), 0};
   }
-  if (const char* const program = compressor_of(file))
-    return open_compressor(program, true, fd, true);
-  return {fd.make_stream("r"), 0};
+  return {};
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The C interface: writers.
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -9,35 +10,37 @@
 
 #include "c/object.h"
 #include "coder/errors.h"
+#include "coder/stdio_bytes.h"
 #include "fileio/new_file.h"
 
 using namespace vqpack::detail;
 
 namespace {
 
-// While it lives, a pipe that is closed at its other end makes writes of this thread fail, and does
-// not end the process, whose signals are its own affair.
-class sigpipe_guard {
+// While it lives, writes of this thread fail, and do not end the process, where a pipe has been
+// closed at its other end or a file would become longer than it may.
+class signal_guard {
  public:
-  sigpipe_guard() {
-    sigemptyset(&sigpipe_);
-    sigaddset(&sigpipe_, SIGPIPE);
+  signal_guard() {
+    sigemptyset(&signals_);
+    for (const int signal : {SIGPIPE, SIGXFSZ}) sigaddset(&signals_, signal);
     sigset_t pending;
     sigpending(&pending);
-    was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
+    for (const int signal : {SIGPIPE, SIGXFSZ})
+      if (sigismember(&pending, signal) == 1) sigdelset(&signals_, signal);
+    pthread_sigmask(SIG_BLOCK, &signals_, &before_);
   }
-  ~sigpipe_guard() {
+  ~signal_guard() {
     const timespec at_once{};
-    if (!was_pending_) sigtimedwait(&sigpipe_, nullptr, &at_once);
+    while (sigtimedwait(&signals_, nullptr, &at_once) > 0) continue;
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
   }
-  sigpipe_guard(const sigpipe_guard&) = delete;
-  sigpipe_guard& operator=(const sigpipe_guard&) = delete;
+  signal_guard(const signal_guard&) = delete;
+  signal_guard& operator=(const signal_guard&) = delete;
 
  private:
-  sigset_t sigpipe_, before_;
-  bool was_pending_;
+  sigset_t signals_;  // those that are not pending already, and so blocked
+  sigset_t before_;
 };
 
 void fill_header(PRUV_header_t& header, const vqpack_metadata& metadata) {
@@ -50,7 +53,11 @@ void fill_header(PRUV_header_t& header, const vqpack_metadata& metadata) {
   header.cycle_count = metadata.cycles;
   header.compression = metadata.context_coded != 0;
   header.max_contexts = metadata.context_limit;
+  const bool has_narrow_totals = metadata.file_type == 2 || metadata.file_type == 3;
+  if (has_narrow_totals && (metadata.instructions < 0 || metadata.cycles < 0))
+    fail(VQfault::refused, "Negative total");
   const unsigned points = metadata.sensitivity_count;
+  if (points > 0 && !metadata.sensitivity) fail(VQfault::misuse, "No sensitivity points");
   if (points > 255) fail(VQfault::refused, "More than 255 sensitivity points");
   if (points > 0) header.sensitivity = new sensitivity_point_t[points];
   for (; unsigned(header.sensitivity_count) < points; ++header.sensitivity_count) {
@@ -80,15 +87,14 @@ struct vqpack_writer {
     state_.attempt(VQPACK_CANNOT_OPEN, false, [&] {
       if (!metadata) fail(VQfault::misuse, "No metadata");
       fill_header(header_, *metadata);
+      coder_.emplace(nullptr, metadata->file_type, &header_, block_size, window);
       file_.emplace(file());
-      std::setvbuf(file_->stream(), nullptr, _IONBF, 0);  // the blocks are large
-      coder_.emplace(file_->stream(), metadata->file_type, &header_, block_size, window);
       return true;
     });
   }
 
   ~vqpack_writer() {
-    const sigpipe_guard guard;
+    const signal_guard guard;
     if (coder_) coder_->aborted = true;
     coder_.reset();
     file_.reset();
@@ -96,15 +102,18 @@ struct vqpack_writer {
 
   int write(const vqpack_transaction* transactions, std::size_t size) {
     return state_.attempt(VQPACK_CANNOT_WRITE, -1, [&] {
-      const sigpipe_guard guard;
+      const signal_guard guard;
       require_open();
+      if (size > 0 && !transactions) fail(VQfault::misuse, "No transactions");
       while (size > 0) {
         // A copy, as the coder cuts addresses of deferred replies.
         VQtransaction batch[256];
         const std::size_t taken = std::min(size, std::size(batch));
         std::memcpy(static_cast<void*>(batch), transactions, taken * sizeof *batch);
-        for (std::size_t done = 0; done < taken;)
+        for (std::size_t done = 0; done < taken;) {
           done += coder_->record(batch + done, taken - done);
+          write_block();
+        }
         transactions += taken;
         size -= taken;
       }
@@ -114,7 +123,7 @@ struct vqpack_writer {
 
   int finish(vqpack_summary* summary) {
     return state_.attempt(VQPACK_CANNOT_WRITE, -1, [&] {
-      const sigpipe_guard guard;
+      const signal_guard guard;
       require_open();
       const VQcomp_summary result = coder_->finish(file_->stream(), &header_);
       coder_.reset();
@@ -132,8 +141,16 @@ struct vqpack_writer {
  private:
   static constexpr int block_size = 1 << 16;
 
+  void write_block() {
+    const auto bytes = std::size_t(coder_->ready());
+    if (bytes == 0) return;
+    if (!write_bytes(file_->stream(), coder_->buffer.get(), bytes))
+      throw std::system_error(errno, std::generic_category());
+    coder_->reset_buffer();
+  }
+
   void require_open() const {
-    if (!coder_) fail(VQfault::misuse, "Output has already been finished");
+    if (!file_) fail(VQfault::misuse, "Output has already been finished");
   }
 
   failure_state state_;

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string_view>
 
-#include "read_bytes.h"
+#include "stdio_bytes.h"
 
 namespace vqpack::detail {
 

@@ -8,8 +8,8 @@
 #include "bytes.h"
 #include "errors.h"
 #include "line_scan.h"
-#include "read_bytes.h"
 #include "record_format.h"
+#include "stdio_bytes.h"
 #include "text_source.h"
 #include "vqcomp.h"
 

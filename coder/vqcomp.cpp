@@ -22,6 +22,7 @@
 #include "errors.h"
 #include "processor.h"
 #include "record_format.h"
+#include "stdio_bytes.h"
 #include "stop_bit.h"
 
 using namespace vqpack::detail;
@@ -526,9 +527,8 @@ int compressor::finish(unsigned& contexts, unsigned& avg_distance, unsigned& add
 
 namespace {
 
-void write_bytes(FILE* file, const unsigned char* bytes, int size) {
-  if (std::fwrite(bytes, 1, std::size_t(size), file) != std::size_t(size))
-    fail(VQfault::cannot_write, cannot_write);
+void put_bytes(FILE* file, const unsigned char* bytes, int size) {
+  if (!write_bytes(file, bytes, std::size_t(size))) fail(VQfault::cannot_write, cannot_write);
 }
 
 bool appends(FILE* file) {
@@ -556,7 +556,7 @@ VQcomp_summary compressor::finish(FILE* file, PRUV_header_t* header) {
   summary.transactions = record_count_;
   const int body = !has_header(version_) ? size - trailer_bytes : size;
   const long long end = handed_out_ + body;
-  write_bytes(file, at(0), body);
+  put_bytes(file, at(0), body);
   if (!has_header(version_)) {
     summary.totals = put_count(file, end);
     hand_out();
@@ -570,7 +570,7 @@ VQcomp_summary compressor::finish(FILE* file, PRUV_header_t* header) {
 // The last bytes in the buffer are the count: puts them into the preamble, or at the end.
 VQtotals compressor::put_count(FILE* file, long long end) {
   const bool in_place = seek_to_preamble(file, end);
-  write_bytes(file, at(used_ - trailer_bytes), trailer_bytes);
+  put_bytes(file, at(used_ - trailer_bytes), trailer_bytes);
   if (in_place) seek_to(file, end);
   return in_place ? VQtotals::in_place : VQtotals::count_at_end;
 }
@@ -589,7 +589,7 @@ VQtotals compressor::rewrite_header(FILE* file, long long end, PRUV_header_t& he
   header.max_contexts = stored_.max_contexts;
   int size;
   const std::unique_ptr<unsigned char[]> bytes(VQcomp::pruv_header_struct_to_bytes(header, size));
-  if (size == hdr_bytes_) write_bytes(file, bytes.get(), size);
+  if (size == hdr_bytes_) put_bytes(file, bytes.get(), size);
   seek_to(file, end);
   return size == hdr_bytes_ ? VQtotals::in_place : VQtotals::header_resized;
 }

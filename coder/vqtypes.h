@@ -11,8 +11,8 @@
 
 using velk_trans_class = unsigned char;
 
-// The four values of a transaction where many are handed over at once.
-struct VQtransaction {
+// The four values of a transaction where many are handed over at once. 24 bytes on every machine.
+struct alignas(8) VQtransaction {
   long long addr;
   int agent;
   unsigned count;

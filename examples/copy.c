@@ -1,5 +1,4 @@
-/* Copies a trace of either kind into a QUBIX file of the type given, with its metadata: copy TYPE
- * IN OUT */
+/* Copies a trace into a QUBIX file of another type, with its metadata: copy TYPE IN OUT */
 #include <stdio.h>
 #include <stdlib.h>
 #include <vqpack/vqpack.h>

@@ -93,7 +93,9 @@ process_stream open_pipe(const char* const argv[], bool reading, const descripto
 process_stream open_compressor(const char* program, bool reading, const descriptor& file,
                                bool silent) {
   const char* const argv[] = {program, reading ? "-d" : nullptr, nullptr};
-  return open_pipe(argv, reading, file, silent);
+  const process_stream opened = open_pipe(argv, reading, file, silent);
+  if (!opened.stream && errno == ENOENT) errno = ENOPKG;
+  return opened;
 }
 
 namespace {
@@ -108,15 +110,4 @@ const char* compressor_of(const std::string& name) {
   if (has_suffix(name, ".gz")) return "/usr/bin/gzip";
   if (has_suffix(name, ".bz2")) return "/usr/bin/bzip2";
   return nullptr;
-}
-
-std::string find_file(const std::string& name) {
-  if (compressor_of(name)) return name;
-  const auto can_read = [](const std::string& file) { return access(file.c_str(), R_OK) == 0; };
-  if (can_read(name)) return name;
-  const int why = errno;
-  for (const char* const suffix : {".gz", ".bz2"})
-    if (can_read(name + suffix)) return name + suffix;
-  errno = why;
-  return {};
 }

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-// Owns a file descriptor above the standard ones.
+// Owns a file descriptor.
 class descriptor {
  public:
   descriptor() = default;
@@ -36,7 +36,7 @@ struct process_stream {
   pid_t process = 0;       // if any, to be waited for once the stream is closed or read to its end
 };
 
-// Waits for a process. Returns the wait status, -1 if there is none to be had.
+// Waits for a process. Returns the wait status, or -1 if it cannot be had.
 int wait_for(pid_t process);
 
 // Runs the program argv[0] with a pipe from its standard output (`reading`) or to its standard
@@ -46,13 +46,10 @@ process_stream open_pipe(const char* const argv[], bool reading, const descripto
                          bool silent);
 
 // Runs gzip or bzip2, by its path, to decompress from `file` (`reading`) or to compress into it.
+// The errno of one that is not installed is ENOPKG.
 process_stream open_compressor(const char* program, bool reading, const descriptor& file,
                                bool silent);
 
 // The path of the program that compresses files of such a name, *.gz or *.bz2; null for others, and
 // for a name that consists of the suffix alone.
 const char* compressor_of(const std::string& name);
-
-// The name of the file to read for `name`: the name itself or, if that cannot be read, with .gz or
-// .bz2 appended. Empty if there is none, and errno then says why not the first.
-std::string find_file(const std::string& name);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cassert>
 #include <cstring>
@@ -80,6 +81,14 @@ FILE* standard_stream(const std::string& name, const char* mode) {
   if (name == "stderr" && has(mode, 'w')) return stderr;
   if (name == "stdin" && has(mode, 'r')) return stdin;
   return nullptr;
+}
+
+// The name of the file to read for `name`; empty if there is none.
+std::string find_file(const std::string& name) {
+  if (compressor_of(name)) return name;
+  for (const char* const suffix : {"", ".gz", ".bz2"})
+    if (access((name + suffix).c_str(), R_OK) == 0) return name + suffix;
+  return {};
 }
 
 FILE* _xfopen(const std::string& name, const char* mode, bool try_others) {

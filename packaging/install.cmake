@@ -19,7 +19,11 @@ install(FILES ${PROJECT_BINARY_DIR}/vqpack-config-version.cmake DESTINATION ${cm
 
 set(pkgconfig_dir ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_to_include ${pkgconfig_dir} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
-foreach(library vqpack libvqpack)
+set(libraries vqpack)
+if(VQPACK_BUILD_C_LIBRARY)
+  list(APPEND libraries libvqpack)
+endif()
+foreach(library ${libraries})
   configure_file(packaging/${library}.pc.in ${library}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
@@ -110,7 +114,7 @@ file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 package(libvqpack-dev libdevel "memory-bus traces from C++ and C, for development"
         "This package holds the headers, the static library libvqcomp for C++ and
 example programs, to read and write such traces."
-        DEPENDS "libvqpack0 ${same_version}")
+        DEPENDS "libvqpack0 ${same_version}" RECOMMENDS vqpack)
 package(python3-vqpack python "memory-bus traces as numpy arrays"
         "This package holds the module vqpack for Python 3."
         DEPENDS "libvqpack0 ${same_version}, python3, python3-numpy" SUGGESTS python3-pandas

@@ -1,10 +1,13 @@
 // The C interface: what it reads and writes, where it fails, and what it leaves.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -55,7 +58,7 @@ transactions read_all(vqpack_reader* reader, std::size_t batch) {
   return all;
 }
 
-// A folder of its own, which has to be empty in the end.
+// A folder of its own.
 class c_interface : public testing::Test {
  protected:
   c_interface() { fs::create_directories(folder_); }
@@ -209,11 +212,11 @@ TEST_F(c_interface, what_cannot_be_written_is_an_error) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   close(ends[0]);
-  vqpack_metadata good, bad_type, no_context;
+  vqpack_metadata good, bad_type, other;
   vqpack_metadata_init(&good, 1);
   vqpack_metadata_init(&bad_type, 6);
-  vqpack_metadata_init(&no_context, 2);
-  no_context.threads = 1 << 16;
+  vqpack_metadata_init(&other, 2);
+  other.threads = 1 << 16;
   const auto create = [&](const char* name, const vqpack_metadata* metadata) {
     return writer_ptr(vqpack_create(name, metadata, VQPACK_WINDOW));
   };
@@ -227,12 +230,84 @@ TEST_F(c_interface, what_cannot_be_written_is_an_error) {
   EXPECT_EQ(failure(create(path("no/where").c_str(), &good)), VQPACK_CANNOT_OPEN);
   EXPECT_EQ(failure(create(path("").c_str(), &good)), VQPACK_CANNOT_OPEN);
   EXPECT_EQ(failure(create(path("x").c_str(), &bad_type)), VQPACK_MISUSE);
-  EXPECT_EQ(failure(create(path("x").c_str(), &no_context)), VQPACK_REFUSED);
+  EXPECT_EQ(failure(create(path("x").c_str(), &other)), VQPACK_REFUSED);
   EXPECT_EQ(failure(create(path("x").c_str(), nullptr)), VQPACK_MISUSE);
+  vqpack_metadata_init(&other, 3);
+  other.instructions = -1;
+  EXPECT_EQ(failure(create(path("x").c_str(), &other)), VQPACK_REFUSED);
+  other = good;
+  other.sensitivity_count = 1;
+  EXPECT_EQ(failure(create(path("x").c_str(), &other)), VQPACK_MISUSE);
   EXPECT_EQ(failure(writer_ptr(vqpack_create_descriptor(ends[1], &good, VQPACK_WINDOW))),
             VQPACK_CANNOT_WRITE);
   EXPECT_EQ(files(), 0u);
   close(ends[1]);
+}
+
+// Signals while a pipe is full, and a file that may not grow.
+TEST_F(c_interface, signals_do_not_matter) {
+  struct sigaction caught {};
+  caught.sa_handler = [](int) {};
+  sigaction(SIGALRM, &caught, nullptr);
+  const itimerval often{{0, 500}, {0, 500}}, never{};
+  const transactions trace = make_trace(300000);
+  vqpack_metadata metadata;
+  vqpack_metadata_init(&metadata, 0);
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const writer_ptr packed(vqpack_create(path("run.gz").c_str(), &metadata, VQPACK_WINDOW));
+  EXPECT_EQ(vqpack_write(packed.get(), trace.data(), trace.size()), 0);
+  EXPECT_EQ(vqpack_finish(packed.get(), nullptr), 0) << vqpack_writer_error(packed.get())->text;
+  const reader_ptr reader(vqpack_open(path("run").c_str()));
+  EXPECT_EQ(read_all(reader.get(), 1000).size(), trace.size());
+  setitimer(ITIMER_REAL, &never, nullptr);
+
+  rlimit before;
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small{100000, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  {
+    const writer_ptr writer(vqpack_create(path("run.qu").c_str(), &metadata, VQPACK_WINDOW));
+    EXPECT_EQ(vqpack_write(writer.get(), trace.data(), trace.size()), -1);
+    EXPECT_EQ(vqpack_writer_error(writer.get())->system_error, EFBIG);
+  }
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(files(), 1u);
+}
+
+TEST_F(c_interface, names_of_all_kinds_are_written) {
+  vqpack_metadata metadata;
+  vqpack_metadata_init(&metadata, 1);
+  fs::create_symlink("target", path("dangling"));
+  fs::create_directory(path("elsewhere"));
+  const fs::path here = fs::current_path();
+  fs::current_path(path(""));
+  for (const std::string& name :
+       {std::string("relative"), std::string("dangling"), std::string(255, 'x')}) {
+    const writer_ptr writer(vqpack_create(name.c_str(), &metadata, VQPACK_WINDOW));
+    fs::current_path(path("elsewhere"));
+    EXPECT_EQ(vqpack_finish(writer.get(), nullptr), 0) << vqpack_writer_error(writer.get())->text;
+    fs::current_path(path(""));
+    EXPECT_EQ(content(name).substr(0, 3), "QU\1");
+  }
+  fs::current_path(here);
+  EXPECT_TRUE(fs::is_symlink(path("dangling")) && fs::is_regular_file(path("target")));
+  EXPECT_EQ(files(), 5u);
+}
+
+// Where nobody reads the pipe, it would wait forever.
+TEST_F(c_interface, what_is_not_finished_is_not_written) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  vqpack_metadata metadata;
+  vqpack_metadata_init(&metadata, 1);
+  writer_ptr writer(vqpack_create_descriptor(ends[1], &metadata, VQPACK_WINDOW));
+  const transactions trace = make_trace(100);
+  EXPECT_EQ(vqpack_write(writer.get(), trace.data(), trace.size()), 0);
+  writer.reset();
+  char byte;
+  EXPECT_EQ(read(ends[0], &byte, 1), -1);
+  for (const int end : ends) close(end);
 }
 
 TEST_F(c_interface, threads_use_objects_of_their_own) {
