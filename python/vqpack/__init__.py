@@ -41,10 +41,8 @@ from __future__ import annotations
 
 from typing import Any
 
-from ._columns import check as _check
-from ._columns import columns as _columns
+from . import _columns, _library
 from ._errors import Error
-from ._library import library as _library
 from ._metadata import Metadata, Sensitivity
 from ._reader import BATCH as _BATCH
 from ._reader import Reader
@@ -56,7 +54,7 @@ __all__ = [
     *("open", "write"),
 ]
 
-__version__: str = _library.vqpack_version().decode()
+__version__: str = _library.library.vqpack_version().decode()
 
 
 def open(source: Any, batch: int = _BATCH) -> Reader:
@@ -91,7 +89,7 @@ def write(
     `compressed` and the `options` are those of `Writer`. To keep what another file says of the trace:
     `write(target, kept, version=5, **trace.metadata.description())`
     """
-    given = _columns(transactions)
-    _check(given, version)
+    given = _columns.columns(transactions)
+    _columns.check(given, version)
     with Writer(target, version, compressed, transactions=given.length, **options) as writer:
         writer._take(given)
