@@ -46,7 +46,8 @@ def text_of():
             agent = choose.choice([0, 0, 3, highest_agent])
             name = vqpack.NAMES[index % 68] if index % 5 == 0 else "MEMRD64B"
             count = f" {choose.choice([0, 1, 2, 300, 2**32 - 1])}" if version in (3, 5) else ""
-            lines.append(f"{name} {address % 2**64:X} {agent:x}{count}\n")
+            odd = 5 if name.startswith("DEFR") else 0
+            lines.append(f"{name} {address % 2**64 + odd:X} {agent:x}{count}\n")
         return "".join(lines) + f"MEMRD64B {2**64 - 8:X} 0\nIORD 0 0\n"
 
     return make
