@@ -6,6 +6,7 @@ import gc
 import gzip
 import io
 import os
+import pathlib
 import random
 import signal
 import subprocess
@@ -290,6 +291,9 @@ def test_iteration_keeps_one_array(tmp_path):
     assert long[1] - empty[1] < 32 * 1024
 
 
-def test_example_of_the_package(tmp_path, monkeypatch):
+def test_examples(tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
+    source = pathlib.Path(__file__).parents[2]
+    (tmp_path / "samples").symlink_to(source / "samples")
     assert doctest.testmod(vqpack).failed == 0
+    assert doctest.testfile(str(source / "README.md"), module_relative=False).failed == 0
