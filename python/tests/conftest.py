@@ -72,7 +72,8 @@ def arrays():
 
     def make(version):
         transactions = np.zeros(68, vqpack.TRANSACTION)
-        transactions["address"] = np.arange(68, dtype="u8") * 0x10000  # of which 47 and 48 keep bits
+        # In 64 KiB, as 47 and 48 have no other bits.
+        transactions["address"] = np.arange(68, dtype="u8") * 0x10000
         transactions["address"][-1] = 2**64 - 8
         transactions["agent"] = 255 if version < 4 else 65535
         transactions["count"] = 2**32 - 1 if version in (3, 5) else 1

@@ -169,8 +169,8 @@ def test_run_of_billions_ends(tmp_path, monkeypatch, way):
     monkeypatch.setattr("vqpack._reader.MEMORY", 24_000_000)
     cases = ((5, vqpack.Error, "Bad transaction count"), (0, MemoryError, "read them in arrays"))
     for claimed, error, message in cases:
-        start = b"QU\1" + claimed.to_bytes(4, "little")
-        (tmp_path / "run.qu").write_bytes(start + bytes.fromhex("f080a09c 7d7f7f7f8f 300080 00000000"))
+        run = bytes.fromhex("f080a09c 7d7f7f7f8f 300080 00000000")
+        (tmp_path / "run.qu").write_bytes(b"QU\1" + claimed.to_bytes(4, "little") + run)
         with vqpack.open(tmp_path / "run.qu") as opened:
             with pytest.raises(error, match=message) as raised:
                 WAYS[way](opened)
@@ -195,9 +195,9 @@ def test_sources_that_are_none(tmp_path, trace):
         with pytest.raises(error, match=message), vqpack.open(source) as opened:
             opened.read_all()
     with vqpack.open(trace(1)) as opened:
-        for misuse in (lambda: opened.read(-1), lambda: opened.read(1.5), lambda: vqpack.open("", 0)):
+        for n in (-1, 1.5, "1"):
             with pytest.raises((ValueError, TypeError)):
-                misuse()
+                opened.read(n)
     for use in (opened.read_all, opened.to_pandas, lambda: opened.read(1), opened.__enter__):
         with pytest.raises(ValueError, match="closed"):
             use()

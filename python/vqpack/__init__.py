@@ -49,10 +49,13 @@ from ._reader import Reader
 from ._types import CODES, NAMES, TRANSACTION
 from ._writer import Writer
 
+# fmt: off
 __all__ = [
-    *("CODES", "NAMES", "TRANSACTION", "Error", "Metadata", "Reader", "Sensitivity", "Writer"),
-    *("open", "write"),
+    "CODES", "NAMES", "TRANSACTION",
+    "Error", "Metadata", "Reader", "Sensitivity", "Writer",
+    "open", "write",
 ]
+# fmt: on
 
 __version__: str = _library.library.vqpack_version().decode()
 
@@ -86,8 +89,8 @@ def write(
     Types are codes, names or a categorical of names. Everything is checked before the file is
     touched: TypeError and ValueError name the first value that is wrong.
 
-    `compressed` and the `options` are those of `Writer`. To keep what another file says of the trace:
-    `write(target, kept, version=5, **trace.metadata.description())`
+    `compressed` and the `options` are those of `Writer`. What another file says of its trace is
+    kept by `write(target, kept, version=5, **trace.metadata.description())`.
     """
     given = _columns.columns(transactions)
     _columns.check(given, version)

@@ -62,7 +62,8 @@ def columns(transactions: Any) -> Columns:
     elif pandas and isinstance(transactions, pandas.DataFrame):
         given = tuple(transactions.columns)
     else:
-        raise TypeError(f"transactions: {type(transactions).__name__} is no array, frame or mapping")
+        kind = type(transactions).__name__
+        raise TypeError(f"a structured array, data frame or mapping is needed, not a {kind}")
     for name in given:
         if name not in FIELDS:
             raise ValueError(f"unknown field {name!r}")
@@ -88,9 +89,7 @@ def check(given: Columns, version: int) -> None:
     """Raises ValueError with the first transaction that a file of this type cannot hold."""
     version = integer("version", version, 0, 5)
     for begin in range(0, given.length, PIECE):
-        address, agent, count, code = (
-            given.arrays[name][begin : begin + PIECE] for name in FIELDS
-        )
+        address, agent, count, code = (given.arrays[name][begin : begin + PIECE] for name in FIELDS)
         _check_range("type", code, len(NAMES) - 1, begin)
         _check_range("agent", agent, HIGHEST_AGENT[version], begin, f" in file type {version}")
         _check_range("count", count, 2**32 - 1, begin)

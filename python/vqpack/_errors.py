@@ -9,7 +9,7 @@ from ._library import Failure
 
 FileName = Union[str, bytes, None]
 
-_MISUSE, _CANNOT_OPEN, _CANNOT_READ, _CANNOT_WRITE, _BAD_INPUT, _REFUSED, _NO_MEMORY = range(1, 8)
+_MISUSE, _CANNOT_OPEN, _CANNOT_WRITE, _REFUSED, _NO_MEMORY = 1, 2, 4, 6, 7
 
 
 class Error(Exception):
@@ -48,11 +48,8 @@ def exception(failure: Failure, name: FileName) -> Optional[Exception]:
         return ValueError(text)
     if failure.code == _NO_MEMORY:
         return MemoryError(text)
-    number = failure.system_error
-    reason = OSError(number, os.strerror(number), name) if number else OSError(text)
     if failure.code in (_CANNOT_OPEN, _CANNOT_WRITE):
-        return reason
+        number = failure.system_error
+        return OSError(number, os.strerror(number), name) if number else OSError(text)
     message = failure.message.decode("utf-8", "replace")
-    error = Error(message, failure.record or None, max(failure.byte, 0) or None)
-    error.__cause__ = reason if number else None
-    return error
+    return Error(message, failure.record or None, max(failure.byte, 0) or None)

@@ -25,15 +25,15 @@ BATCH = 65536
 # At most so many a call of the library: Ctrl-C and other threads wait for milliseconds.
 PIECE = 1 << 18
 
-# A damaged file can claim any number of transactions: no more than this are reserved at once. It can
-# also hold a run of billions in a few bytes: read_all() takes this many, or twice the number in the
-# file, for proof of that.
+# A damaged file can claim any number of transactions: memory for this many is reserved at most. It
+# can hold runs of billions in a few bytes, too: read_all() gives up where it meets this many and
+# twice the number that the file claims.
 TRUSTED = 1 << 24
 
 MEMORY = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")  # of the machine, in bytes
 
 
-class Reader(Handle, Iterator[Any]):
+class Reader(Handle, Iterator["Transactions"]):
     """A trace that is read once, from its start to its end; `vqpack.open` returns it.
 
     It is an iterator over structured arrays of the dtype `TRANSACTION`, each a new one of `batch`
