@@ -36,7 +36,7 @@ install(FILES man/velk.5 man/qubix.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES README.md CHANGELOG.md SECURITY.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES bench/comparison.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
 if(EXISTS ${PROJECT_SOURCE_DIR}/doc)
-  install(DIRECTORY doc/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/doc FILES_MATCHING PATTERN *.md)
+  install(DIRECTORY doc/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/doc FILES_MATCHING PATTERN *.md PATTERN *.png)
 endif()
 
 if(VQPACK_BUILD_PROGRAM)
@@ -117,7 +117,7 @@ example programs, to read and write such traces."
         DEPENDS "libvqpack0 ${same_version}" RECOMMENDS vqpack)
 package(python3-vqpack python "memory-bus traces as numpy arrays"
         "This package holds the module vqpack for Python 3."
-        DEPENDS "libvqpack0 ${same_version}, python3, python3-numpy" SUGGESTS python3-pandas
+        DEPENDS "libvqpack0 ${same_version}, python3, python3-numpy" SUGGESTS "python3-pandas, python3-matplotlib, python3-tqdm"
         ARCHITECTURE all
         CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/postinst
                       ${PROJECT_SOURCE_DIR}/packaging/prerm)

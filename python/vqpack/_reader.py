@@ -25,8 +25,11 @@ BATCH = 65536
 # At most so many a call of the library: Ctrl-C and other threads wait for milliseconds.
 PIECE = 1 << 18
 
-# A damaged file can claim any number of transactions: memory for this many is reserved at most. It
-# can hold runs of billions in a few bytes, too: read_all() gives up where it meets this many and
+# A damaged file can claim any number of transactions: room for this many is reserved at most, which
+# takes no memory until it is filled.
+RESERVED = 1 << 26
+
+# It can hold runs of billions in a few bytes, too: read_all() gives up where it meets this many and
 # twice the number that the file claims.
 TRUSTED = 1 << 24
 
@@ -190,7 +193,7 @@ class Reader(Handle, Iterator["Transactions"]):
 def _longer(length: int, rest: int) -> int:
     """The next length of a full array that is to take `rest` transactions, or more if need be."""
     if length <= rest:  # with one more, the last read meets the end
-        longer = min(rest + 1, max(2 * length, TRUSTED))
+        longer = min(rest + 1, max(2 * length, RESERVED))
     else:
         longer = max(2 * length, BATCH)
     if longer * TRANSACTION.itemsize > MEMORY:
