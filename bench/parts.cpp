@@ -15,8 +15,8 @@
 #include "coder/inslist.h"
 #include "coder/line_format.h"
 #include "coder/line_scan.h"
-#include "coder/stdio_bytes.h"
 #include "coder/record_format.h"
+#include "coder/stdio_bytes.h"
 #include "coder/vqcomp.h"
 
 using namespace vqpack::detail;
