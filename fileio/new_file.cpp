@@ -34,16 +34,18 @@ std::string target_of(std::string name) {
   for (int links = 0;; ++links) {
     if (std::string path = real_path(name); !path.empty()) return path;
     const std::size_t slash = name.rfind('/');
-    const std::string folder =
-        real_path(slash == std::string::npos ? "." : name.substr(0, slash + 1));
     const std::string file = slash == std::string::npos ? name : name.substr(slash + 1);
+    std::string folder = real_path(slash == std::string::npos ? "." : name.substr(0, slash + 1));
     if (folder.empty() || file.empty()) fail(ENOENT);
-    name = folder + "/" + file;
+    folder += '/';
+    name = folder;
+    name += file;
     char link[PATH_MAX];
     const ssize_t length = readlink(name.c_str(), link, sizeof link);
     if (length < 0) return name;
     if (links == 40 || length == sizeof link) fail(ELOOP);
-    name = (*link == '/' ? "" : folder + "/") + std::string(link, std::size_t(length));
+    name = *link == '/' ? "" : folder;
+    name.append(link, std::size_t(length));
   }
 }
 

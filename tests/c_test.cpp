@@ -313,6 +313,7 @@ TEST_F(c_interface, what_is_not_finished_is_not_written) {
 TEST_F(c_interface, threads_use_objects_of_their_own) {
   const transactions trace = make_trace(50000);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i)
     threads.emplace_back([&, name = path("run" + std::to_string(i) + ".qu.gz")] {
       vqpack_metadata metadata;
