@@ -28,7 +28,7 @@ foreach(library ${libraries})
   install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
-file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp examples/*.c)
+file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp examples/*.c examples/*.py)
 install(FILES examples/CMakeLists.txt ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME vqpack)

@@ -42,7 +42,7 @@ END
   install_to "$prefix"
   find "$prefix" -type f -printf '%P\n' | sed 's,^lib[^/]*/\([a-z0-9_-]*-linux-gnu[^/]*/\)\?,lib/,' |
     sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,; s,\.so\.[0-9.]*$,.so.VERSION,' | LC_ALL=C sort >found
-  ls "$SOURCE"/examples/*.c* "$SOURCE"/doc/*.{md,png} 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
+  ls "$SOURCE"/examples/*.{c,cpp,py} "$SOURCE"/doc/*.{md,png} 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
   LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
 include/vqpack/vqcomp.h

@@ -99,15 +99,6 @@ def test_selection():
     assert chosen.first == 100 + np.flatnonzero(wanted)[0]
 
 
-def test_footprint_estimate(monkeypatch):
-    monkeypatch.setattr(_summary.Footprint, "EXACT", 1000)
-    footprint = _summary.Footprint(1)
-    for low in range(0, 500_000, 50_000):
-        footprint.add(np.arange(low, low + 60_000, dtype="u8"), np.zeros(60_000, int))
-    assert not footprint.is_exact
-    assert footprint.size == pytest.approx(510_000, rel=0.03)
-
-
 def test_layout_keeps_order_and_cuts_gaps(trace):
     summary = plot.summarize(batches(trace))
     density = _summary.Density.of_all(summary.density.values())

@@ -46,6 +46,7 @@ from ._errors import Error
 from ._metadata import Metadata, Sensitivity
 from ._reader import BATCH as _BATCH
 from ._reader import Reader
+from ._totals import Totals
 from ._types import CODES, NAMES, TRANSACTION
 from ._writer import Writer
 

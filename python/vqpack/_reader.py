@@ -47,8 +47,9 @@ class Reader(Handle, Iterator["Transactions"]):
     def __init__(self, source: Any, batch: int = BATCH) -> None:
         self._batch = integer("batch", batch, 1, 2**48)
         opened: Optional[tuple[int, int]]
+        self._path: Optional[bytes] = None
         if isinstance(source, (str, bytes, os.PathLike)):
-            path = encoded(source)
+            self._path = path = encoded(source)
             pointer = library.vqpack_open(path)
             candidates = (identity(path + suffix) for suffix in (b"", b".gz", b".bz2"))
             opened = next(filter(None, candidates), None)
@@ -75,6 +76,12 @@ class Reader(Handle, Iterator["Transactions"]):
     def names(self) -> tuple[str, ...]:
         """The names of the types by code: `vqpack.NAMES` or, in rare files, their own."""
         return self._names
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        """Pickled, it is a reader of the same path from the start."""
+        if self._path is None:
+            raise TypeError("a reader of a descriptor cannot be pickled")
+        return Reader, (os.path.abspath(self._path), self._batch)
 
     def __enter__(self) -> Reader:
         self._opened()

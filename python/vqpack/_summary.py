@@ -7,6 +7,8 @@ from typing import Any
 
 import numpy as np
 
+from ._distinct import Distinct, contains
+
 LINE = 64  # bytes
 
 
@@ -45,7 +47,7 @@ class Density:
     def _reserve(self, addresses: Any) -> None:
         """Makes cells for addresses, larger ones if there would be too many."""
         cells = addresses >> np.uint64(self.shift)
-        unknown = cells[~_contains(self.cells, cells)]
+        unknown = cells[~contains(self.cells, cells)]
         if not len(unknown):
             return
         wanted, shift = np.union1d(self.cells, unknown), self.shift
@@ -77,73 +79,31 @@ class Density:
 
 
 class Footprint:
-    """How many distinct numbers have come, by the bin in which each came first.
+    """Distinct numbers, by the bin in which each came first.
 
-    Exact up to `EXACT` of them, then an estimate, which keeps, for each of 2**BITS parts of the
-    hashes, the longest run of leading zero bits seen there (HyperLogLog). Its standard error is
-    0.6 %, and what it adds goes to the last bin of a call.
+    Once there are so many that they are estimated, what a call adds goes to its last bin.
     """
-
-    EXACT = 1 << 21
-    BITS = 15
 
     def __init__(self, bins: int) -> None:
         self.new = np.zeros(bins, np.int64)
-        self.is_exact = True
-        self._seen = np.empty(0, np.uint64)
-        self._longest = np.zeros(1 << self.BITS, np.uint8)
+        self._distinct = Distinct()
 
     @property
-    def size(self) -> int:
-        return int(self.new.sum())
+    def is_exact(self) -> bool:
+        return self._distinct.is_exact
 
     def add(self, numbers: Any, bins: Any) -> None:
         numbers, first = np.unique(numbers, return_index=True)
-        self._note(numbers)
-        if not self.is_exact:
-            self.new[bins[-1]] += max(self._estimate() - self.size, 0)
-            return
-        is_new = ~_contains(self._seen, numbers)
-        self.new += np.bincount(bins[first[is_new]], minlength=len(self.new))
-        self._seen = np.union1d(self._seen, numbers)
-        if len(self._seen) > self.EXACT:
-            self.is_exact = False
-            self._seen = np.empty(0, np.uint64)
+        if self.is_exact:
+            bins = bins[first[self._distinct.unseen(numbers)]]
+            self.new += np.bincount(bins, minlength=len(self.new))
+            self._distinct.add(numbers)
+        else:
+            self._distinct.add(numbers)
+            self.new[bins[-1]] += max(self._distinct.size - int(self.new.sum()), 0)
 
     def halve(self) -> None:
         _join_pairs(self.new)
-
-    def _note(self, numbers: Any) -> None:
-        hashes = _mixed(numbers)
-        part = (hashes >> np.uint64(64 - self.BITS)).astype(np.intp)
-        rest = (hashes << np.uint64(self.BITS)) >> np.uint64(11)  # 53 bits, the least 4 of them 0
-        bits = np.frexp(rest.astype(np.float64))[1]
-        zeros = np.minimum(53 - bits, 64 - self.BITS)
-        # Of equal places the last assignment counts, which is that of the longest run.
-        order = np.argsort(zeros, kind="stable")
-        longest = np.zeros_like(self._longest)
-        longest[part[order]] = zeros[order] + 1
-        np.maximum(self._longest, longest, out=self._longest)
-
-    def _estimate(self) -> int:
-        parts = len(self._longest)
-        factor = 0.7213 / (1 + 1.079 / parts)
-        return int(factor * parts**2 / np.exp2(-self._longest.astype(float)).sum())
-
-
-def _contains(ordered: Any, numbers: Any) -> Any:
-    """Which of the numbers are among the ordered ones."""
-    if not len(ordered):
-        return np.zeros(len(numbers), bool)
-    return ordered[np.minimum(np.searchsorted(ordered, numbers), len(ordered) - 1)] == numbers
-
-
-def _mixed(numbers: Any) -> Any:
-    """Hashes of 64 bits, each of which depends on all bits of the number."""
-    mixed = numbers + np.uint64(0x9E3779B97F4A7C15)
-    mixed = (mixed ^ (mixed >> np.uint64(30))) * np.uint64(0xBF58476D1CE4E5B9)
-    mixed = (mixed ^ (mixed >> np.uint64(27))) * np.uint64(0x94D049BB133111EB)
-    return mixed ^ (mixed >> np.uint64(31))
 
 
 class Counts:
