@@ -4,9 +4,9 @@
     cluster.py FOLDER [--scheduler ADDRESS | --workers N]
 
 Prints transactions by type and agent, the bytes that they move, and the distinct lines of 64 bytes
-that they touch, of all traces in the folder together. Without an address it starts
-workers on this machine, one a processor. A damaged trace is named and left out, and the others are counted; a worker that is
-lost has its traces counted again by the others. Ends with 1 if a trace was damaged.
+that they touch, of all traces in the folder together. Without an address it starts workers on this
+machine, one a processor. A damaged trace is named and left out, and the others are counted; a worker
+that is lost has its traces counted again by the others. Ends with 1 if a trace was damaged.
 
 The workers need this module's packages and see the folder under the same name.
 """
