@@ -18,8 +18,8 @@ from matplotlib import pyplot, rcParams
 TITLES = {
     "interleaved": "Eight agents, mostly in order",
     "regions": "4,000 regions, unevenly used",
-    "a compressor": "xz, behind a cache",
-    "a hash table in Perl": "A hash table in Perl, behind a cache",
+    "a compressor": "xz, cache misses",
+    "a hash table in Perl": "A hash table in Perl, cache misses",
     "uniform": "16,000 random places: worst case",
 }
 COLOURS = {

@@ -79,8 +79,8 @@ def columns(transactions: Any) -> Columns:
     lengths = {name: len(array) for name, array in arrays.items() if array.ndim}
     length = next(iter(lengths.values()), 1)
     if any(other != length for other in lengths.values()):
-        told = ", ".join(f"{name} {number}" for name, number in lengths.items())
-        raise ValueError(f"the columns differ in length: {told}")
+        given = ", ".join(f"{name} {number}" for name, number in lengths.items())
+        raise ValueError(f"the columns differ in length: {given}")
     spread = {name: np.broadcast_to(array, length) for name, array in arrays.items()}
     return Columns(spread, length, packed)
 
