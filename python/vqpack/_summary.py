@@ -8,8 +8,7 @@ from typing import Any
 import numpy as np
 
 from ._distinct import Distinct, contains
-
-LINE = 64  # bytes
+from ._totals import LINE
 
 
 def _join_pairs(counts: Any) -> None:
