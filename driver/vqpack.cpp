@@ -10,28 +10,23 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <new>
 #include <optional>
-#include <utility>
-#include <vector>
 
-#include "coder/line_format.h"
+#include "coder/errors.h"
+#include "coder/velk_writer.h"
 #include "coder/vqcomp.h"
 #include "driver/arguments.h"
 #include "driver/metadata.h"
-#include "driver/progress.h"
+#include "fileio/program.h"
+#include "fileio/progress.h"
 #include "fileio/xfopen.h"
 
-namespace {
+using namespace vqpack::detail;
 
-// Exit statuses: main returns one of these.
-constexpr int success = 0;
-constexpr int closed_failure = 1;  // the output is well formed and holds what came before the fault
-constexpr int failure = -1;
+namespace {
 
 const char* const long_help[] = {
     "Vqpack is a tool to convert between text VELK/PRUV and QUBIX files,",
@@ -72,10 +67,6 @@ const char* const long_help[] = {
     "",
     "Exit status: 0 for success, -1 for unmitigated failure, 1 for failure in",
     "which the partial output was properly formed and closed, but may be bad."};
-
-bool same_file(const struct stat& a, const struct stat& b) {
-  return S_ISREG(a.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 // An output that is also read would be emptied, or would grow forever.
 void refuse_shared_file(const run_settings& run) {
@@ -141,9 +132,6 @@ void refuse_impossible(const run_settings& run, FILE* out) {
   if (run.compression_flag() == -1)
     throw refusal{"Selected compress and version options incompatible"};
 }
-
-constexpr char cannot_read[] = "Can't read input";
-constexpr char cannot_write[] = "Can't write output";
 
 [[noreturn]] void fail_to_write() {
   throw VQcomp_error{cannot_write, 0, 0, false, VQfault::cannot_write};
@@ -313,41 +301,12 @@ void compress_stream(trace_input& input, FILE* out, int version, PRUV_header_t& 
   if (input_error) throw *input_error;
 }
 
-// Writes transactions as text lines, many of them at once.
-class text_output {
- public:
-  text_output(FILE* out, const PRUV_header_t& header, bool with_counts)
-      : out_(out),
-        format_(header.trans_names, header.trans_name_count, with_counts),
-        lines_(std::max(block, 2 * format_.max_line())) {
-    std::setvbuf(out_, nullptr, _IONBF, 0);  // `lines_` is the buffer
-  }
-
-  void put(const VQtransaction& t) {
-    if (lines_.size() - used_ < format_.max_line() && !flush()) fail_to_write();
-    used_ = std::size_t(format_.put(&lines_[used_], t) - lines_.data());
-  }
-
-  // Writes what is left. False if that fails; another flush() does not try again.
-  bool flush() {
-    const std::size_t size = std::exchange(used_, 0);
-    return std::fwrite(lines_.data(), 1, size, out_) == size;
-  }
-
- private:
-  static constexpr std::size_t block = 1 << 16;
-
-  FILE* out_;
-  vqpack::detail::line_format format_;
-  std::vector<char> lines_;
-  std::size_t used_ = 0;
-};
-
 // Prints the selected transactions as text, one a line, with their counts if `with_counts`. Throws
 // VQcomp_error, with `closed` set for an error of the input.
 void uncompress_stream(trace_input& input, FILE* out, const PRUV_header_t& header, bool with_counts,
                        const run_settings& run) {
-  text_output text(out, header, with_counts);
+  velk_writer text(out, header.trans_names, header.trans_name_count,
+                   with_counts ? velk_counts::all : velk_counts::none);
   selected_batch batch(input, run.begin, run.end);
   try {
     while (batch.next()) {
@@ -451,24 +410,8 @@ int exit_status(Work work) {
   }
 }
 
-// A file must not be opened as a standard stream that was closed: messages would go into an output.
-// What takes the place of such a stream fails like a closed descriptor.
-void occupy_standard_streams() {
-  for (const int place : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-    if (fcntl(place, F_GETFD) == -1)
-      static_cast<void>(open("/dev/null", place == STDIN_FILENO ? O_WRONLY : O_RDONLY));
-}
-
-// Corrects what the program may inherit: closed standard streams, an ignored SIGCHLD.
-void prepare_process() {
-  std::ios::sync_with_stdio(false);  // messages outlive an output that is named stderr
-  occupy_standard_streams();
-  std::signal(SIGCHLD, SIG_DFL);  // if ignored, the statuses of children are lost
-}
-
 // Returns the exit status.
 int run_command(int argc, char** argv) {
-  prepare_process();
   run_settings run;
   file_ptr in, out;  // still open while exit_status() prints a refusal
   return exit_status([&] {
@@ -482,26 +425,8 @@ int run_command(int argc, char** argv) {
   });
 }
 
-int report_out_of_memory() {
-  constexpr char message[] = "Out of memory\n";
-  static_cast<void>(!write(STDERR_FILENO, message, sizeof message - 1));
-  return failure;
-}
-
-// The runtime reserves some memory for exceptions. Where that, too, is used up, it terminates
-// without an exception.
-[[noreturn]] void end_without_exception() {
-  if (std::current_exception()) std::abort();
-  std::_Exit(report_out_of_memory());
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::set_terminate(end_without_exception);
-  try {
-    return run_command(argc, argv);
-  } catch (const std::bad_alloc&) {
-    return report_out_of_memory();
-  }
+  return run_program([&] { return run_command(argc, argv); });
 }

@@ -1,4 +1,4 @@
-#include "driver/progress.h"
+#include "fileio/progress.h"
 
 #include <sys/ioctl.h>
 #include <sys/stat.h>
