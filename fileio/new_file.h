@@ -25,6 +25,8 @@ class new_file {
   new_file& operator=(const new_file&) = delete;
 
   FILE* stream() const { return stream_; }
+  // The path of the file until commit(); empty if it is written in place.
+  const std::string& temporary_name() const { return temporary_; }
 
   // Closes the file and gives it its name. Throws std::system_error if not all of it was written.
   void commit();

@@ -1,0 +1,262 @@
+// vqtrace import: traces of other tools to one of ours.
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "coder/errors.h"
+#include "fileio/program.h"
+#include "trace/cache.h"
+#include "trace/command_error.h"
+#include "trace/commands.h"
+#include "trace/formats/formats.h"
+#include "trace/input.h"
+#include "trace/output.h"
+
+namespace vqtrace {
+
+namespace {
+
+// The codes of transactions of so many bytes.
+class line_types {
+ public:
+  explicit line_types(unsigned line) {
+    constexpr unsigned unknown = 4;
+    const unsigned known[] = {8, 16, 32, 64};
+    const auto size = unsigned(std::ranges::find(known, line) - known);
+    offset_ = velk_trans_class(8 * std::min(size, unknown));
+  }
+
+  velk_trans_class code(const char* family) const {
+    return velk_trans_class(velk_trans_str2num_type1(family) + offset_);
+  }
+
+ private:
+  velk_trans_class offset_;
+};
+
+// Collects the transactions of an import.
+class import_output {
+ public:
+  import_output(output& out, const import_settings& settings)
+      : out_(out), period_(settings.period) {}
+
+  // A transaction at some time of the input. Its count is what has passed since the one before.
+  void put(velk_trans_class type, std::uint64_t address, int agent, std::uint64_t time) {
+    constexpr std::uint64_t most = std::numeric_limits<unsigned>::max();
+    const std::uint64_t now = period_ == 1 ? time : time / period_;
+    const std::uint64_t passed = now - std::exchange(time_, now);
+    long_gaps_ += passed > most;
+    batch_[size_++] = {static_cast<long long>(address), agent, unsigned(std::min(passed, most)),
+                       type};
+    if (size_ == std::size(batch_)) flush();
+  }
+
+  void flush() { out_.put(std::span(batch_, std::exchange(size_, 0))); }
+
+  // Transactions before which more time passed than a count holds.
+  std::uint64_t long_gaps() const { return long_gaps_; }
+
+ private:
+  output& out_;
+  std::uint64_t period_;
+  std::uint64_t time_ = 0;  // of the latest
+  std::uint64_t long_gaps_ = 0;
+  std::size_t size_ = 0;
+  VQtransaction batch_[256];
+};
+
+// What of the accesses of one input comes to the bus.
+class bus_agent {
+ public:
+  bus_agent(int agent, const import_settings& settings,
+            const std::vector<cache_level::shape>& caches)
+      : agent_(agent), line_(settings.line) {
+    const line_types types(settings.line);
+    fetch_ = types.code("CDRD");
+    load_ = types.code("MEMRD");
+    store_ = types.code(caches.empty() ? "MEMWR" : "RDINV");
+    write_back_ = types.code("LNWR");
+    if (!caches.empty()) caches_.emplace(caches, settings.line);
+  }
+
+  void take(const access& one, import_output& out) {
+    const std::uint64_t first = one.address / line_, last = (one.address + (one.size - 1)) / line_;
+    const auto put = [&](velk_trans_class type, std::uint64_t line) {
+      out.put(type, line * line_, agent_, one.time);
+    };
+    fetches_ += one.kind == access_kind::fetch;
+    if (caches_) {
+      const velk_trans_class read = reading(one.kind);
+      caches_->use(
+          one.kind, first, last, [&](std::uint64_t line) { put(read, line); },
+          [&](std::uint64_t line) { put(write_back_, line); });
+      return;
+    }
+    for (std::uint64_t line = first; line <= last; ++line) {
+      if (one.kind == access_kind::modify) put(load_, line);
+      put(reading(one.kind), line);
+    }
+  }
+
+  std::uint64_t fetches() const { return fetches_; }
+  std::string statistics() const { return caches_ ? caches_->statistics() : ""; }
+
+ private:
+  velk_trans_class reading(access_kind kind) const {
+    return kind == access_kind::fetch ? fetch_ : kind == access_kind::load ? load_ : store_;
+  }
+
+  int agent_;
+  unsigned line_;
+  velk_trans_class fetch_, load_, store_, write_back_;
+  std::optional<cache_hierarchy> caches_;
+  std::uint64_t fetches_ = 0;
+};
+
+// One input, of which the next access can be seen.
+class foreign_input {
+ public:
+  foreign_input(const std::string& name, const foreign_format& format, bool skip_bad, bool watched)
+      : stream_(name, watched), format_(format), reader_(format.reader(stream_.file(), skip_bad)) {}
+
+  // The next access, null at the end. It stays until pop(). Throws `closed_input`.
+  const access* next() {
+    if (at_ == size_) fill();
+    return size_ == 0 ? nullptr : &accesses_[at_];
+  }
+  void pop() { ++at_; }
+
+  // Thrown, once all before it has been delivered, for what ends an input before its end.
+  struct closed_input {
+    std::string message;
+  };
+
+  const std::string& name() const { return stream_.name(); }
+  std::uint64_t skipped() const { return reader_->skipped(); }
+
+ private:
+  void fill() {
+    at_ = 0;
+    try {
+      size_ = reader_->read(accesses_, std::size(accesses_));
+    } catch (const bad_record& bad) {
+      stream_.end_progress();
+      throw closed_input{name() + ": " + format_.record + " " + std::to_string(bad.number) +
+                         " fits no rule of " + format_.name};
+    }
+    stream_.count(size_);
+    if (size_ > 0) return;
+    stream_.end_progress();
+    if (stream_.failed()) throw closed_input{name() + ": " + vqpack::detail::cannot_read};
+  }
+
+  input_stream stream_;
+  const foreign_format& format_;
+  std::unique_ptr<access_reader> reader_;
+  access accesses_[256];
+  std::size_t at_ = 0, size_ = 0;
+};
+
+struct source {
+  foreign_input input;
+  bus_agent agent;
+};
+
+// Takes all accesses, in the order of their times. Throws what foreign_input::next() does.
+void take_all(std::vector<std::unique_ptr<source>>& sources, import_output& out) {
+  for (;;) {
+    source* earliest = nullptr;
+    std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();  // another's next time
+    for (const auto& one : sources) {
+      const access* const next = one->input.next();
+      if (!next) continue;
+      if (!earliest || next->time < earliest->input.next()->time) {
+        if (earliest) limit = std::min(limit, earliest->input.next()->time);
+        earliest = one.get();
+      } else {
+        limit = std::min(limit, next->time);
+      }
+    }
+    if (!earliest) return;
+    do {
+      earliest->agent.take(*earliest->input.next(), out);
+      earliest->input.pop();
+    } while (earliest->input.next() && earliest->input.next()->time <= limit);
+  }
+}
+
+// The caches between the accesses and the bus, as the user writes them.
+std::string caches_for(const import_settings& settings, const foreign_format& format) {
+  if (format.of_processor) return settings.cache.value_or("32K:8,1M:16");
+  if (settings.cache)
+    throw command_error("--cache", settings.format + " is of the bus, after caches");
+  return "none";
+}
+
+// Sets what is known of a trace without looking at it.
+void describe(PRUV_header_t& header, const import_settings& settings, const std::string& caches) {
+  const std::vector<cache_level::shape> levels = parse_caches(caches, settings.line);
+  if (!levels.empty()) header.cache_size_kib = unsigned(levels.back().size / 1024);
+  header.line_size = settings.line;
+  const std::string comment = "vqtrace import " + settings.format + " --cache " + caches;
+  header.comment = new char[comment.size() + 1];
+  std::strcpy(header.comment, comment.c_str());
+}
+
+void report(const std::vector<std::unique_ptr<source>>& sources, const import_output& out) {
+  for (const auto& one : sources) {
+    if (sources.size() > 1 && !one->agent.statistics().empty())
+      std::cerr << one->input.name() << '\n';
+    std::cerr << one->agent.statistics();
+    if (one->input.skipped() > 0)
+      std::cerr << one->input.name() << ": " << one->input.skipped() << " lines were left out\n";
+  }
+  if (out.long_gaps() > 0)
+    std::cerr << "More time than a count holds passed " << out.long_gaps() << " times\n";
+}
+
+}  // namespace
+
+int run_import(const import_settings& settings) {
+  const foreign_format& format = find_format(settings.format);
+  const std::string caches = caches_for(settings, format);
+  const std::string& out_name = settings.files.back();
+  const std::span names(settings.files.begin(), settings.files.end() - 1);
+  std::vector<std::unique_ptr<source>> sources;
+  for (const std::string& name : names) {
+    refuse_same_file(name, out_name);
+    const bus_agent agent(int(sources.size()), settings, parse_caches(caches, settings.line));
+    const bool watched = names.size() == 1 && shows_progress(settings.quiet, out_name);
+    sources.emplace_back(
+        new source{foreign_input(name, format, settings.skip_bad, watched), agent});
+  }
+
+  PRUV_header_t header;
+  header.use_default_trans_names();
+  describe(header, settings, caches);
+  output trace(out_name, {settings.version, settings.version != 0}, header,
+               vqpack::detail::velk_counts::all);
+  import_output out(trace, settings);
+  int status = success;
+  try {
+    take_all(sources, out);
+  } catch (const foreign_input::closed_input& closed) {
+    std::cerr << closed.message << '\n';
+    status = closed_failure;
+  }
+  out.flush();
+  std::uint64_t instructions = 0;
+  for (const auto& one : sources) instructions += one->agent.fetches();
+  const bool has_narrow_totals = settings.version == 2 || settings.version == 3;
+  if (!has_narrow_totals || instructions <= std::numeric_limits<std::uint32_t>::max())
+    header.inst_count = static_cast<long long>(instructions);
+  trace.finish();
+  if (!settings.quiet) report(sources, out);
+  return status;
+}
+
+}  // namespace vqtrace

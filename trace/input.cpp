@@ -1,0 +1,73 @@
+#include "trace/input.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "coder/errors.h"
+#include "trace/command_error.h"
+
+using namespace vqpack::detail;
+
+namespace vqtrace {
+
+namespace {
+
+constexpr std::size_t stream_buffer = 1 << 16;
+
+file_ptr open_file(const std::string& name) {
+  const char* const file = name == "-" ? "stdin" : name.c_str();
+  struct stat status;
+  if (xfstat(file, "r", status) && S_ISDIR(status.st_mode)) return nullptr;
+  return file_ptr(xfopen(file, "r"));
+}
+
+}  // namespace
+
+input_stream::input_stream(const std::string& name, bool watched)
+    : name_(name), buffer_(new char[stream_buffer]), file_(open_file(name)) {
+  if (!file_) throw command_error(name, "Can't open input file");
+  std::setvbuf(file(), buffer_.get(), _IOFBF, stream_buffer);
+  if (watched && isatty(STDERR_FILENO)) progress_.emplace(file());
+}
+
+std::optional<long long> input_stream::stored_bytes() const {
+  struct stat status;
+  const bool is_known = xfstat(name_ == "-" ? "stdin" : name_.c_str(), "r", status);
+  if (!is_known || !S_ISREG(status.st_mode)) return std::nullopt;
+  return status.st_size;
+}
+
+input::input(const std::string& name, bool watched) : stream_(name, watched) {
+  try {
+    reader_.emplace(stream_.file(), nullptr);
+    header_.reset(reader_->pruv_header(false));
+    version_ = header_->version;
+    const bool is_empty = std::feof(stream_.file()) != 0;
+    if (is_empty && stream_.failed()) fail(VQfault::cannot_read, cannot_read);
+  } catch (const VQcomp_error& error) {
+    throw command_error(describe(error));
+  }
+}
+
+std::size_t input::read(VQtransaction* transactions, std::size_t size) {
+  try {
+    const std::size_t delivered = reader_->read(transactions, size);
+    stream_.count(delivered);
+    if (delivered == 0) {
+      stream_.end_progress();
+      if (stream_.failed()) fail(VQfault::cannot_read, cannot_read);
+    }
+    return delivered;
+  } catch (const VQcomp_error&) {
+    stream_.end_progress();
+    throw;
+  }
+}
+
+std::string input::describe(const VQcomp_error& error) const {
+  // For a failed read, the position would mislead: the fault does not lie in the trace.
+  const bool has_place = error.fault != VQfault::cannot_read;
+  return name() + ": " + (has_place ? error.str() : error.msg);
+}
+
+}  // namespace vqtrace

@@ -1,0 +1,68 @@
+// Accesses from lines of text.
+#pragma once
+
+#include <string_view>
+
+#include "trace/access.h"
+#include "trace/lines.h"
+
+namespace vqtrace {
+
+// Whether an access can be: of 1 to 64 KiB, which is more than any instruction or burst has, and
+// not past the last address.
+inline bool is_plausible(std::uint64_t address, std::uint64_t size) {
+  constexpr std::uint64_t largest = 1 << 16;
+  return size - 1 < largest && address + (size - 1) >= address;
+}
+
+// `Format` has a default constructor and
+//   access* parse(std::string_view line, access* to);
+// which puts up to access_reader::most accesses at `to` and returns the position after them, null
+// for a line that fits no rule. Lines of blanks do not reach it.
+template <class Format>
+class text_reader final : public access_reader {
+ public:
+  text_reader(FILE* file, bool skip_bad) : source_(file), skip_bad_(skip_bad) {}
+
+  std::size_t read(access* accesses, std::size_t size) override {
+    access* at = accesses;
+    const access* const last = accesses + (size - most);
+    while (at <= last && !is_bad_ && source_.next(line_)) {
+      if (fields(line_).end()) continue;
+      if (access* const end = parse(at)) {
+        at = end;
+      } else if (skip_bad_) {
+        ++skipped_;
+      } else {
+        is_bad_ = true;
+      }
+    }
+    if (at == accesses && is_bad_) throw bad_record{source_.number()};
+    return std::size_t(at - accesses);
+  }
+
+  std::uint64_t skipped() const override { return skipped_; }
+
+ private:
+  // As Format::parse(), but time does not go back either.
+  access* parse(access* at) {
+    access* const end = format_.parse(line_, at);
+    std::uint64_t time = time_;
+    for (const access* a = at; a != end; ++a) {
+      if (!end || !is_plausible(a->address, a->size) || a->time < time) return nullptr;
+      time = a->time;
+    }
+    time_ = time;
+    return end;
+  }
+
+  line_source source_;
+  Format format_;
+  std::string_view line_;
+  std::uint64_t time_ = 0;  // of the latest access
+  bool skip_bad_;
+  bool is_bad_ = false;
+  std::uint64_t skipped_ = 0;
+};
+
+}  // namespace vqtrace
