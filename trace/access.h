@@ -9,7 +9,7 @@ namespace vqtrace {
 enum class access_kind : std::uint8_t { fetch, load, store, modify };
 
 // One access to `size` bytes, 1 or more, at a byte address. `time` never decreases within an input.
-struct access {
+struct memory_access {
   std::uint64_t address;
   std::uint64_t time;
   std::uint32_t size;
@@ -35,7 +35,7 @@ class access_reader {
   // Reads up to `size` accesses, where `size` is at least `most`; returns how many, 0 at the end
   // only, or where a read fails. Throws `bad_record` once all accesses before it have been
   // delivered.
-  virtual std::size_t read(access* accesses, std::size_t size) = 0;
+  virtual std::size_t read(memory_access* accesses, std::size_t size) = 0;
 
   // Records left out since they fit no rule.
   virtual std::uint64_t skipped() const = 0;
@@ -49,7 +49,7 @@ class access_writer {
   virtual ~access_writer() = default;
 
   // Writes an access at `to`, up to `longest` bytes; returns the position after it.
-  virtual char* put(char* to, const access& one) = 0;
+  virtual char* put(char* to, const memory_access& one) = 0;
   // Writes what is left once there are no more.
   virtual char* finish(char* to) { return to; }
   // Accesses left out since the format has no place for them.

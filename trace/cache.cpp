@@ -41,4 +41,19 @@ std::vector<cache_level::shape> parse_caches(const std::string& text, unsigned l
   return levels;
 }
 
+std::string cache_hierarchy::statistics() const {
+  std::ostringstream text;
+  for (std::size_t i = 0; i < levels_.size(); ++i) {
+    const cache_level::counters& counts = levels_[i].counts;
+    if (i < 2) {
+      text << (i == 0 ? "I1" : "D1");
+    } else {
+      text << 'L' << i;
+    }
+    text << ": " << counts.accesses << " accesses, " << counts.misses << " misses, "
+         << counts.write_backs << " write-backs\n";
+  }
+  return text.str();
+}
+
 }  // namespace vqtrace

@@ -104,17 +104,7 @@ class cache_hierarchy {
 
   // One line a cache, for people: "I1: 1234 accesses, 56 misses, 7 write-backs". An access to
   // several lines counts once in the first level.
-  std::string statistics() const {
-    std::string text;
-    for (std::size_t i = 0; i < levels_.size(); ++i) {
-      const std::string name = i == 0 ? "I1" : i == 1 ? "D1" : "L" + std::to_string(i);
-      const cache_level::counters& counts = levels_[i].counts;
-      text += name + ": " + std::to_string(counts.accesses) + " accesses, " +
-              std::to_string(counts.misses) + " misses, " + std::to_string(counts.write_backs) +
-              " write-backs\n";
-    }
-    return text;
-  }
+  std::string statistics() const;
 
  private:
   template <class Read, class WriteBack>

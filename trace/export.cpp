@@ -27,10 +27,10 @@ class export_output {
       return;
     }
     if (sizeof block_ - used_ < access_writer::longest) flush();
-    const access one{static_cast<std::uint64_t>(t.addr), time_ * period_, size_of(t.trans),
-                     what == velk_access::write ? access_kind::store
-                     : is_code_read(t.trans)    ? access_kind::fetch
-                                                : access_kind::load};
+    const memory_access one{static_cast<std::uint64_t>(t.addr), time_ * period_, size_of(t.trans),
+                            what == velk_access::write ? access_kind::store
+                            : is_code_read(t.trans)    ? access_kind::fetch
+                                                       : access_kind::load};
     used_ = std::size_t(writer_->put(block_ + used_, one) - block_);
   }
 

@@ -83,7 +83,7 @@ class bus_agent {
     if (!caches.empty()) caches_.emplace(caches, settings.line);
   }
 
-  void take(const access& one, import_output& out) {
+  void take(const memory_access& one, import_output& out) {
     const std::uint64_t first = one.address / line_, last = (one.address + (one.size - 1)) / line_;
     const auto put = [&](velk_trans_class type, std::uint64_t line) {
       out.put(type, line * line_, agent_, one.time);
@@ -124,7 +124,7 @@ class foreign_input {
       : stream_(name, watched), format_(format), reader_(format.reader(stream_.file(), skip_bad)) {}
 
   // The next access, null at the end. It stays until pop(). Throws `closed_input`.
-  const access* next() {
+  const memory_access* next() {
     if (at_ == size_) fill();
     return size_ == 0 ? nullptr : &accesses_[at_];
   }
@@ -157,7 +157,7 @@ class foreign_input {
   input_stream stream_;
   const foreign_format& format_;
   std::unique_ptr<access_reader> reader_;
-  access accesses_[256];
+  memory_access accesses_[256];
   std::size_t at_ = 0, size_ = 0;
 };
 
@@ -172,7 +172,7 @@ void take_all(std::vector<std::unique_ptr<source>>& sources, import_output& out)
     source* earliest = nullptr;
     std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();  // another's next time
     for (const auto& one : sources) {
-      const access* const next = one->input.next();
+      const memory_access* const next = one->input.next();
       if (!next) continue;
       if (!earliest || next->time < earliest->input.next()->time) {
         if (earliest) limit = std::min(limit, earliest->input.next()->time);

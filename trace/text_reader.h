@@ -16,7 +16,7 @@ inline bool is_plausible(std::uint64_t address, std::uint64_t size) {
 }
 
 // `Format` has a default constructor and
-//   access* parse(std::string_view line, access* to);
+//   memory_access* parse(std::string_view line, memory_access* to);
 // which puts up to access_reader::most accesses at `to` and returns the position after them, null
 // for a line that fits no rule. Lines of blanks do not reach it.
 template <class Format>
@@ -24,12 +24,12 @@ class text_reader final : public access_reader {
  public:
   text_reader(FILE* file, bool skip_bad) : source_(file), skip_bad_(skip_bad) {}
 
-  std::size_t read(access* accesses, std::size_t size) override {
-    access* at = accesses;
-    const access* const last = accesses + (size - most);
+  std::size_t read(memory_access* accesses, std::size_t size) override {
+    memory_access* at = accesses;
+    const memory_access* const last = accesses + (size - most);
     while (at <= last && !is_bad_ && source_.next(line_)) {
       if (fields(line_).end()) continue;
-      if (access* const end = parse(at)) {
+      if (memory_access* const end = parse(at)) {
         at = end;
       } else if (skip_bad_) {
         ++skipped_;
@@ -45,10 +45,10 @@ class text_reader final : public access_reader {
 
  private:
   // As Format::parse(), but time does not go back either.
-  access* parse(access* at) {
-    access* const end = format_.parse(line_, at);
+  memory_access* parse(memory_access* at) {
+    memory_access* const end = format_.parse(line_, at);
     std::uint64_t time = time_;
-    for (const access* a = at; a != end; ++a) {
+    for (const memory_access* a = at; a != end; ++a) {
       if (!end || !is_plausible(a->address, a->size) || a->time < time) return nullptr;
       time = a->time;
     }

@@ -33,10 +33,12 @@ std::uint64_t hexadecimal(const std::string& option, std::string_view text) {
   return value;
 }
 
-void set_agents(const std::vector<std::string>& texts, std::set<int>& agents) {
-  for (const std::string& text : texts) {
+std::vector<std::string> parts(const std::string& list) { return CLI::detail::split(list, ','); }
+
+void set_agents(const std::string& list, std::set<int>& agents) {
+  for (const std::string& text : parts(list)) {
     const std::uint64_t agent = hexadecimal("--agent", text);
-    if (agent > 0xFFFFFFFF) throw CLI::ValidationError("--agent", text + ": no agent");
+    if (agent > 0xFFFF) throw CLI::ValidationError("--agent", text + ": no agent");
     agents.insert(int(agent));
   }
 }
@@ -77,7 +79,7 @@ class command_line {
   }
 
  private:
-  CLI::App* add(const char* name, const char* what, std::function<int()> work, bool& quiet) {
+  CLI::App* add(const char* name, const char* what, const std::function<int()>& work, bool& quiet) {
     CLI::App* const command = app_.add_subcommand(name, what);
     command->callback([this, work] { chosen_ = work; });
     command->add_flag("-q,--quiet", quiet, "Show neither progress nor statistics");
@@ -152,16 +154,17 @@ class command_line {
         "filter", "Keep some of the transactions of a trace",
         [this] { return run_filter(filter_); }, filter_.quiet);
     command
-        ->add_option_function<std::vector<std::string>>(
-            "--agent",
-            [this](const std::vector<std::string>& list) { set_agents(list, filter_.agents); },
+        ->add_option_function<std::string>(
+            "--agent", [this](const std::string& list) { set_agents(list, filter_.agents); },
             "Those of these agents, in hexadecimal")
-        ->delimiter(',')
-        ->expected(1)
         ->type_name("LIST");
-    command->add_option("--type", filter_.types, "Those of these types; read and write are several")
-        ->delimiter(',')
-        ->expected(1)
+    command
+        ->add_option_function<std::string>(
+            "--type",
+            [this](const std::string& list) {
+              for (const std::string& type : parts(list)) filter_.types.insert(type);
+            },
+            "Those of these types; read and write are several")
         ->type_name("LIST");
     command
         ->add_option_function<std::string>(

@@ -24,9 +24,9 @@ class champsim_reader final : public access_reader {
  public:
   explicit champsim_reader(FILE* file) : file_(file), records_(new unsigned char[block]) {}
 
-  std::size_t read(access* accesses, std::size_t size) override {
-    access* at = accesses;
-    const access* const last = accesses + (size - most);
+  std::size_t read(memory_access* accesses, std::size_t size) override {
+    memory_access* at = accesses;
+    const memory_access* const last = accesses + (size - most);
     while (at <= last && next()) at = put(at);
     if (at == accesses && left_ > 0) throw bad_record{number_ + 1};  // it is cut off
     return std::size_t(at - accesses);
@@ -48,7 +48,7 @@ class champsim_reader final : public access_reader {
   }
 
   // Takes the record, loads before stores.
-  access* put(access* to) {
+  memory_access* put(memory_access* to) {
     const unsigned char* const record = at_;
     to = put_one(to, access_kind::fetch, record);
     for (std::size_t i = 0; i < champsim::load_count; ++i)
@@ -61,7 +61,7 @@ class champsim_reader final : public access_reader {
     return to;
   }
 
-  access* put_one(access* to, access_kind kind, const unsigned char* field) {
+  memory_access* put_one(memory_access* to, access_kind kind, const unsigned char* field) {
     const std::uint64_t address = vqpack::detail::load_le<8>(field);
     if (address == 0) return to;
     *to = {address, ++time_, 1, kind};
@@ -77,10 +77,14 @@ class champsim_reader final : public access_reader {
 };
 
 // Makes each access an instruction of its own: a fetch one without operands, a load or store one
-// without an address.
+// without an address. Address 0 has no place.
 class champsim_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
+    if (one.address == 0) {
+      ++left_out_;
+      return to;
+    }
     auto* const record = reinterpret_cast<unsigned char*>(to);
     std::fill_n(record, champsim::size, 0);
     const std::size_t place = one.kind == access_kind::fetch  ? 0
@@ -89,6 +93,11 @@ class champsim_writer final : public access_writer {
     vqpack::detail::store_le<8>(record + place, one.address);
     return to + champsim::size;
   }
+
+  std::uint64_t left_out() const override { return left_out_; }
+
+ private:
+  std::uint64_t left_out_ = 0;
 };
 
 }  // namespace vqtrace

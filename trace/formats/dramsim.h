@@ -10,7 +10,7 @@ namespace vqtrace {
 // DRAMsim: "0x12345680 READ 30", a byte address, what is done there, a cycle. Besides READ and
 // WRITE there are the names of older traces.
 struct dramsim {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::string_view what;
     if (rest.text("#")) return to;
@@ -34,7 +34,7 @@ struct dramsim {
 
 class dramsim_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_address(to, one.address);
     to = put_text(to, one.kind == access_kind::store ? " WRITE " : " READ ");
     to = put_decimal(to, one.time);
@@ -45,7 +45,7 @@ class dramsim_writer final : public access_writer {
 // STL: "31: read 0x400140", a cycle, what is done, a byte address; there may be the length of the
 // burst in bytes, "(64)", before the second, and data after the last. "#" begins a comment.
 struct stl {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::uint64_t size = 1;
     std::string_view what;
@@ -65,7 +65,7 @@ struct stl {
 
 class stl_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_decimal(to, one.time);
     to = put_text(to, one.kind == access_kind::store ? ": write " : ": read ");
     to = put_address(to, one.address);

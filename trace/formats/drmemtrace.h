@@ -12,7 +12,7 @@ namespace vqtrace {
 // passed over, and so are markers, "<...>", and the lines before and after the records. The time of
 // an access is its number.
 struct drmemtrace {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::uint64_t number = 0;
     rest.blanks();
@@ -33,7 +33,7 @@ struct drmemtrace {
            line.starts_with("---") || line.starts_with("View tool results");
   }
 
-  access* parse_access(fields& rest, access* to) {
+  memory_access* parse_access(fields& rest, memory_access* to) {
     std::string_view kind;
     std::uint64_t size = 0;
     // Some kinds have two words.

@@ -10,7 +10,7 @@ namespace vqtrace {
 // "r,128,64,4000": a command, a byte address and a size in bytes, both decimal, a time in ticks. A
 // number of flags may stand before the time. Commands other than r and w fit no rule.
 struct gem5 {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::uint64_t size = 0;
     if (rest.text("#")) return to;
@@ -33,7 +33,7 @@ struct gem5 {
 
 class gem5_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_text(to, one.kind == access_kind::store ? "w," : "r,");
     to = put_decimal(to, one.address);
     to = put_decimal(put_text(to, ","), one.size);

@@ -11,7 +11,7 @@ namespace vqtrace {
 // and a size in bytes. Messages of valgrind begin with "==1234== " or "--1234-- ". The time of an
 // access is its number.
 struct lackey {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::uint64_t size = 0;
     if (rest.text("I  ")) {
@@ -38,7 +38,7 @@ struct lackey {
 
 class lackey_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_text(to, starts[int(one.kind)]);
     to = put_hexadecimal(to, one.address, 8);
     to = put_text(to, ",");

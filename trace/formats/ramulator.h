@@ -14,7 +14,7 @@ namespace vqtrace {
 //   "3 20734016", "3 20734016 20846400" instructions before a read, the address of the read, and
 //                                       of a line that is written back after it, decimal or 0x...
 struct ramulator {
-  access* parse(std::string_view line, access* to) {
+  memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     if (rest.text("#")) return to;
     rest.blanks();
@@ -35,7 +35,7 @@ struct ramulator {
   }
 
  private:
-  access* parse_request(fields& rest, access* to) {
+  memory_access* parse_request(fields& rest, memory_access* to) {
     std::string_view what;
     if (!rest.blanks() || !rest.word(what) || !rest.end()) return nullptr;
     if (what != "R" && what != "W") return nullptr;
@@ -44,7 +44,7 @@ struct ramulator {
     return to + 1;
   }
 
-  access* parse_instructions(fields& rest, access* to) {
+  memory_access* parse_instructions(fields& rest, memory_access* to) {
     std::uint64_t before = 0, read = 0, written = 0;
     if (!rest.decimal(before) || !rest.blanks() || !any_address(rest, read)) return nullptr;
     const bool writes = rest.blanks() && any_address(rest, written);
@@ -66,7 +66,7 @@ struct ramulator {
 // Loads and stores.
 class ramulator_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_text(to, one.kind == access_kind::store ? "ST " : "LD ");
     return put_text(put_address(to, one.address), "\n");
   }
@@ -75,7 +75,7 @@ class ramulator_writer final : public access_writer {
 // Reads and writes.
 class ramulator_rw_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     to = put_address(to, one.address);
     return put_text(to, one.kind == access_kind::store ? " W\n" : " R\n");
   }
@@ -84,7 +84,7 @@ class ramulator_rw_writer final : public access_writer {
 // Instructions: a write goes into the line of the read directly before it. Others have no place.
 class ramulator_cpu_writer final : public access_writer {
  public:
-  char* put(char* to, const access& one) override {
+  char* put(char* to, const memory_access& one) override {
     if (one.kind == access_kind::store) {
       if (!in_line_) {
         ++left_out_;
