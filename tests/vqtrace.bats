@@ -250,7 +250,7 @@ ROWS
   exec 9>&-
   [ "$(cat out)" = old ] && ! ls -A | grep .new
   (ulimit -f 1 && trap '' XFSZ && run -255 vqtrace filter -v 0 "$trace" out)
-  run -255 "$VQTRACE" info whole >/dev/full
+  run -255 bash -c "\"$VQTRACE\" info whole >/dev/full"
 }
 
 @test "arguments that are refused" {
