@@ -7,12 +7,11 @@
 #include <optional>
 #include <vector>
 
-#include "coder/errors.h"
 #include "fileio/program.h"
 #include "trace/cache.h"
 #include "trace/command_error.h"
 #include "trace/commands.h"
-#include "trace/formats/formats.h"
+#include "trace/foreign_input.h"
 #include "trace/input.h"
 #include "trace/output.h"
 
@@ -20,23 +19,15 @@ namespace vqtrace {
 
 namespace {
 
-// The codes of transactions of so many bytes.
-class line_types {
- public:
-  explicit line_types(unsigned line) {
-    constexpr unsigned unknown = 4;
-    const unsigned known[] = {8, 16, 32, 64};
-    const auto size = unsigned(std::ranges::find(known, line) - known);
-    offset_ = velk_trans_class(8 * std::min(size, unknown));
+// The code of a family of transactions, "MEMRD" for example, that move lines of so many bytes.
+velk_trans_class type_for(std::string family, unsigned line) {
+  if (line > 64) {
+    family += '?';
+  } else if (line > 8) {
+    family += std::to_string(line) + 'B';
   }
-
-  velk_trans_class code(const char* family) const {
-    return velk_trans_class(velk_trans_str2num_type1(family) + offset_);
-  }
-
- private:
-  velk_trans_class offset_;
-};
+  return velk_trans_str2num_type1(family.c_str());
+}
 
 // Collects the transactions of an import.
 class import_output {
@@ -47,7 +38,7 @@ class import_output {
   // A transaction at some time of the input. Its count is what has passed since the one before.
   void put(velk_trans_class type, std::uint64_t address, int agent, std::uint64_t time) {
     constexpr std::uint64_t most = std::numeric_limits<unsigned>::max();
-    const std::uint64_t now = period_ == 1 ? time : time / period_;
+    const std::uint64_t now = time / period_;
     const std::uint64_t passed = now - std::exchange(time_, now);
     long_gaps_ += passed > most;
     batch_[size_++] = {static_cast<long long>(address), agent, unsigned(std::min(passed, most)),
@@ -75,11 +66,10 @@ class bus_agent {
   bus_agent(int agent, const import_settings& settings,
             const std::vector<cache_level::shape>& caches)
       : agent_(agent), line_(settings.line) {
-    const line_types types(settings.line);
-    fetch_ = types.code("CDRD");
-    load_ = types.code("MEMRD");
-    store_ = types.code(caches.empty() ? "MEMWR" : "RDINV");
-    write_back_ = types.code("LNWR");
+    fetch_ = type_for("CDRD", line_);
+    load_ = type_for("MEMRD", line_);
+    store_ = type_for(caches.empty() ? "MEMWR" : "RDINV", line_);
+    write_back_ = type_for("LNWR", line_);
     if (!caches.empty()) caches_.emplace(caches, settings.line);
   }
 
@@ -117,50 +107,6 @@ class bus_agent {
   std::uint64_t fetches_ = 0;
 };
 
-// One input, of which the next access can be seen.
-class foreign_input {
- public:
-  foreign_input(const std::string& name, const foreign_format& format, bool skip_bad, bool watched)
-      : stream_(name, watched), format_(format), reader_(format.reader(stream_.file(), skip_bad)) {}
-
-  // The next access, null at the end. It stays until pop(). Throws `closed_input`.
-  const memory_access* next() {
-    if (at_ == size_) fill();
-    return size_ == 0 ? nullptr : &accesses_[at_];
-  }
-  void pop() { ++at_; }
-
-  // Thrown, once all before it has been delivered, for what ends an input before its end.
-  struct closed_input {
-    std::string message;
-  };
-
-  const std::string& name() const { return stream_.name(); }
-  std::uint64_t skipped() const { return reader_->skipped(); }
-
- private:
-  void fill() {
-    at_ = 0;
-    try {
-      size_ = reader_->read(accesses_, std::size(accesses_));
-    } catch (const bad_record& bad) {
-      stream_.end_progress();
-      throw closed_input{name() + ": " + format_.record + " " + std::to_string(bad.number) +
-                         " fits no rule of " + format_.name};
-    }
-    stream_.count(size_);
-    if (size_ > 0) return;
-    stream_.end_progress();
-    if (stream_.failed()) throw closed_input{name() + ": " + vqpack::detail::cannot_read};
-  }
-
-  input_stream stream_;
-  const foreign_format& format_;
-  std::unique_ptr<access_reader> reader_;
-  memory_access accesses_[256];
-  std::size_t at_ = 0, size_ = 0;
-};
-
 struct source {
   foreign_input input;
   bus_agent agent;
@@ -193,7 +139,7 @@ void take_all(std::vector<std::unique_ptr<source>>& sources, import_output& out)
 std::string caches_for(const import_settings& settings, const foreign_format& format) {
   if (format.of_processor) return settings.cache.value_or("32K:8,1M:16");
   if (settings.cache)
-    throw command_error("--cache", settings.format + " is of the bus, after caches");
+    throw command_error("--cache", settings.format + " records what has passed the caches");
   return "none";
 }
 
@@ -244,8 +190,8 @@ int run_import(const import_settings& settings) {
   int status = success;
   try {
     take_all(sources, out);
-  } catch (const foreign_input::closed_input& closed) {
-    std::cerr << closed.message << '\n';
+  } catch (const foreign_input::fault& fault) {
+    std::cerr << fault.message << '\n';
     status = closed_failure;
   }
   out.flush();

@@ -192,7 +192,7 @@ class command_line {
 
   void add_import() {
     CLI::App* const command = add(
-        "import", "Make a trace of other tools' ones", [this] { return run_import(import_); },
+        "import", "Convert a trace of another tool", [this] { return run_import(import_); },
         import_.quiet);
     command->add_option("FORMAT", import_.format, "What is read")
         ->required()
@@ -219,7 +219,7 @@ class command_line {
 
   void add_export() {
     CLI::App* const command = add(
-        "export", "Write a trace for another tool", [this] { return run_export(export_); },
+        "export", "Convert a trace for another tool", [this] { return run_export(export_); },
         export_.quiet);
     command->add_option("FORMAT", export_.format, "What is written")
         ->required()
