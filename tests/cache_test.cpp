@@ -55,20 +55,25 @@ struct plain_cache {
   }
 };
 
+// The levels of a hierarchy, the two first ones at the end.
+std::list<plain_cache> plain_levels(const std::vector<cache_level::shape>& shapes,
+                                    std::string& bus) {
+  std::list<plain_cache> levels;
+  plain_cache* next = nullptr;
+  for (std::size_t i = shapes.size(); i-- > 0;) {
+    levels.push_back({shapes[i].size / 64 / shapes[i].ways, shapes[i].ways, next, bus});
+    if (i > 0) next = &levels.back();
+  }
+  levels.push_back(levels.back());
+  return levels;
+}
+
 TEST(Caches, PassWhatPlainListsPass) {
   for (const char* const text : {"1K:1", "4K:4", "512:8,2K:2", "1K:4,2K:8,16K:4"}) {
     const auto shapes = parse_caches(text, 64);
     cache_hierarchy caches(shapes, 64);
     std::string bus, wanted;
-    std::list<plain_cache> plain;  // from the last level on, the first level twice at the end
-    for (std::size_t i = shapes.size() + 1; i-- > 0;) {
-      const cache_level::shape& shape = shapes[i > 0 ? i - 1 : 0];
-      plain_cache* const next = plain.empty()                 ? nullptr
-                                : i > 0 || shapes.size() == 1 ? &plain.back()
-                                                              : &*std::prev(plain.end(), 2);
-      plain.push_back(
-          {shape.size / 64 / shape.ways, shape.ways, shapes.size() == 1 ? nullptr : next, wanted});
-    }
+    std::list<plain_cache> plain = plain_levels(shapes, wanted);
     plain_cache &instructions = plain.back(), &data = *std::prev(plain.end(), 2);
 
     std::mt19937 random(5);
@@ -79,10 +84,10 @@ TEST(Caches, PassWhatPlainListsPass) {
       caches.use(
           kind, first, last, [&](std::uint64_t line) { bus += 'R' + std::to_string(line) + ' '; },
           [&](std::uint64_t line) { bus += 'W' + std::to_string(line) + ' '; });
+      const bool modifies = kind == access_kind::store || kind == access_kind::modify;
       bool hit = true;
       for (std::uint64_t line = first; line <= last; ++line)
-        hit &= (kind == access_kind::fetch ? instructions : data)
-                   .use(line, kind == access_kind::store || kind == access_kind::modify, false);
+        hit &= (kind == access_kind::fetch ? instructions : data).use(line, modifies, false);
       instruction_misses += kind == access_kind::fetch && !hit;
       ASSERT_EQ(bus, wanted) << text << ", access " << i;
       bus.clear();
