@@ -45,6 +45,8 @@ def trace(request, monkeypatch):
     """A trace, and a summary that has to make its bins and cells larger."""
     monkeypatch.setattr(_summary.Summary, "BINS", 32)
     monkeypatch.setattr(_summary.Summary, "CELLS", 64)
+    monkeypatch.setattr(_summary.Summary, "AGENT_COUNTS", 150)
+    monkeypatch.setattr(_summary.Summary, "PIECE", 500)
     return TRACES[request.param]
 
 
@@ -54,27 +56,27 @@ def test_summary_equals_plain_counts(trace):
     assert summary.size == len(trace) and summary.bins == of_bin[-1] + 1 <= 32
 
     def by_key(counts):
-        return {
-            (key, i): row[i] for key, row in counts.by_key.items() for i in np.flatnonzero(row)
-        }
+        return {(key, i): row[i] for key, row in counts.by_key.items() for i in np.flatnonzero(row)}
 
     assert by_key(summary.types) == Counter(zip(trace["type"].tolist(), of_bin))
-    plain = Counter(zip(trace["agent"].tolist(), of_bin))
-    held = {key: number for key, number in plain.items() if key[0] in summary.agents.by_key}
-    known = {key: n for key, n in by_key(summary.agents).items() if key[0] != plot.Counts.OTHERS}
-    assert known == held
-    assert sum(by_key(summary.agents).values()) == len(trace)
+    agents = trace["agent"].tolist()
+    own = set(summary.agents.by_key) - {plot.Counts.OTHERS}
+    key_of = [agent if agent in own else plot.Counts.OTHERS for agent in agents]
+    assert by_key(summary.agents) == Counter(zip(key_of, of_bin)) and len(own) <= 150
 
-    for agent, density in summary.density.items():
+    of_cell = trace["address"] >> np.uint64(summary.density.shift)
+    layers = summary.layers()
+    assert len(layers) == min(len(set(agents)), 9)
+    for agent, layer in layers.items():
         mine = trace["agent"] == agent
         if agent == plot.Counts.OTHERS:
-            mine = ~np.isin(trace["agent"], list(summary.density))
-        cells = (trace["address"][mine] >> np.uint64(density.shift)).tolist()
-        wanted = Counter(zip(cells, np.array(of_bin)[mine].tolist()))
-        rows, columns = np.nonzero(density.counts)
-        found = zip(density.cells[rows].tolist(), columns.tolist())
-        assert dict(zip(found, density.counts[rows, columns].tolist())) == wanted
-        assert len(density.cells) <= 64
+            mine = ~np.isin(trace["agent"], list(layers))
+        wanted = Counter(zip(of_cell[mine].tolist(), np.array(of_bin)[mine].tolist()))
+        cells, counts = summary.density.of([layer])
+        rows, columns = np.nonzero(counts)
+        found = zip(cells[rows].tolist(), columns.tolist())
+        assert dict(zip(found, counts[rows, columns].tolist())) == wanted
+    assert len(summary.density.cells) <= 64
 
     seen, new = set(), np.zeros(32, int)
     for address, i in zip(trace["address"].tolist(), of_bin):
@@ -100,30 +102,46 @@ def test_selection():
 
 
 def test_layout_keeps_order_and_cuts_gaps(trace):
-    summary = plot.summarize(batches(trace))
-    density = _summary.Density.of_all(summary.density.values())
-    assert density.counts.sum() == len(trace)
-    layout = plot.Layout(density)
-    addresses = np.sort(trace["address"])
-    rows = layout.row(addresses)
-    assert (np.diff(rows) >= 0).all() and 0 <= rows[0] and rows[-1] < layout.height
-    image = layout.image(density, summary.bins)
-    assert (image.sum(axis=1)[rows] > 0).all()
-    assert (image.max(axis=0) > 0).tolist() == (density.counts.sum(axis=0) > 0)[
-        : summary.bins
-    ].tolist()
+    density = plot.summarize(batches(trace)).density
+    cells, counts = density.of(list(range(9)))
+    assert counts.sum() == len(trace)
+    layout = plot.Layout(cells, counts.sum(axis=1), density.shift, 300)
+    rows = layout.row(np.sort(trace["address"]))
+    assert (np.diff(rows) >= 0).all() and rows[-1] < layout.height == 300
+    image = layout.image(cells, counts)
+    drawn = image.any(axis=1)  # a cell may end within a row of the next one
+    assert (drawn[rows] | drawn[np.maximum(rows - 1, 0)]).all() and drawn[0] and drawn[-1]
+    assert (image.max(axis=0) > 0).tolist() == (counts.sum(axis=0) > 0).tolist()
+    assert all(b - a >= layout.LABEL for (a, _), (b, _) in zip(layout.ticks(), layout.ticks()[1:]))
+    for row, address in layout.ticks()[:-1]:
+        assert abs(int(layout.row(np.array([int(address, 16)], np.uint64))[0]) - row) <= 1
+    # Gaps between addresses at random are nothing to cut.
+    assert len(layout.low) == (3 if trace is TRACES["islands"] else 1)
     if trace is TRACES["islands"]:
-        assert len(layout.low) == 3
         assert layout.low[-1] <= 0x7FFF00000000 < layout.high[-1] <= 0x7FFF00200000
 
 
 def test_pages(trace):
-    page = plot.figure(plot.summarize(batches(trace)), "title", vqpack.NAMES)
+    summary = plot.summarize(batches(trace))
+    page = plot.figure(summary, r"no $\formula$", vqpack.NAMES, r"$\neither$")
     page.savefig(io.BytesIO(), format="png")
-    drawn = [axes for part in page.subfigs for axes in part.axes if axes.get_ylabel() == "address"]
-    agents = len(np.unique(trace["agent"]))
-    panels = [part for part in page.subfigs[0].axes if part.images and part.get_title()]
-    assert drawn and len(panels) == min(agents, 4)
+    panels = [axes for axes in page.subfigs[0].axes if axes.get_ylabel() != "transactions a point"]
+    assert len(panels) == min(len(summary.agents.by_key), 4)
+    images = [axes.images[0] for axes in panels]
+    assert len({(image.norm.vmin, image.norm.vmax) for image in images}) == 1
+    for axes, image in zip(panels, images):  # the screen has a point for each
+        rows, columns = image.get_array().shape
+        extent = axes.get_window_extent()
+        assert rows <= extent.height and columns <= extent.width
+
+
+def test_narrow_axes_lose_nothing():
+    from matplotlib.figure import Figure
+
+    axes = Figure(figsize=(1, 4)).subplots()
+    image = plot.density(axes, plot.summarize([np.resize(TRACES["one address"], 1000)]))
+    assert image.get_array().shape[1] <= 100
+    assert (image.get_array().sum(axis=1) == 1000).all()
 
 
 def test_command(tmp_path):
@@ -142,7 +160,9 @@ def test_command(tmp_path):
         (["bad.qu", "-o", "a.png"], 1, "Bad input line, at record 2"),
         (["good.qu", "-o", "a.png", "--type", "FOO"], 1, "no such type: FOO"),
         (["good.qu", "-o", "a.png", "--address", "9-8"], 2, "--address"),
-        (["good.qu", "-o", "a.nothing"], 1, "not supported"),
+        (["good.qu", "-o", "a.png", "--from", "-1"], 2, "no decimal number"),
+        (["none.qu", "-o", "a.nothing"], 1, "not supported"),
+        (["none.qu", "-o", "nowhere/a.png"], 1, "nowhere"),
     ],
 )
 def test_bad_commands(arguments, status, message, tmp_path):

@@ -2,12 +2,11 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable
 from typing import Any
 
 import numpy as np
 
-from ._distinct import Distinct, contains
+from ._distinct import Distinct, Index
 from ._totals import LINE
 
 
@@ -21,60 +20,66 @@ def _join_pairs(counts: Any) -> None:
 class Density:
     """Transactions by cells of address and bins of position, both of which double when they must.
 
-    `cells` are the numbers of the address cells that occur, in order, each 2**`shift` bytes, and
-    `counts[i, j]` is the number of transactions in cell i and bin j. There are at most `max_cells`.
+    `counts[k, i, j]` is the number of transactions of layer k in bin j of the cell with the number
+    `cells[i]`, of 2**`shift` bytes. There are at most `max_cells` cells, in no order.
     """
 
-    def __init__(self, bins: int, max_cells: int) -> None:
+    def __init__(self, layers: int, max_cells: int, bins: int) -> None:
         self.shift = LINE.bit_length() - 1
-        self.cells = np.empty(0, np.uint64)
-        self.counts = np.empty((0, bins), np.uint32)
-        self._max_cells = max_cells
+        self.counts = np.zeros((layers, max_cells, bins), np.uint32)  # no memory until it is used
+        self._index = Index()
 
-    def add(self, addresses: Any, bins: Any) -> None:
-        """Counts transactions by address in bytes and number of the bin, which never decreases."""
-        self._reserve(addresses)
-        cells = addresses >> np.uint64(self.shift)
+    @property
+    def cells(self) -> Any:
+        return self._index.numbers
+
+    def add(self, addresses: Any, layers: Any, bins: Any) -> None:
+        """Counts transactions by address in bytes, layer and bin, which never decreases."""
+        places = self._places(addresses)
         first, width = bins[0], bins[-1] - bins[0] + 1
-        spots = np.searchsorted(self.cells, cells) * width + (bins - first)
-        counts = np.bincount(spots, minlength=len(self.cells) * width)
-        self.counts[:, first : first + width] += counts.reshape(-1, width).astype(np.uint32)
+        used, size = layers.max() + 1, len(self.cells)
+        spots = (layers * size + places) * width + (bins - first)
+        counts = np.bincount(spots, minlength=used * size * width).reshape(used, size, width)
+        self.counts[:used, :size, first : first + width] += counts.astype(np.uint32)
+
+    def of(self, layers: list[int]) -> tuple[Any, Any]:
+        """The numbers of the cells that such layers use, in order, and their counts by bin."""
+        counts = self.counts[layers, : len(self.cells)].sum(axis=0)
+        order = np.argsort(self.cells)
+        order = order[counts[order].any(axis=1)]
+        return self.cells[order], counts[order]
 
     def halve(self) -> None:
-        _join_pairs(self.counts)
+        for layer in self.counts:
+            _join_pairs(layer[: len(self.cells)])
 
-    def _reserve(self, addresses: Any) -> None:
-        """Makes cells for addresses, larger ones if there would be too many."""
+    def _places(self, addresses: Any) -> Any:
         cells = addresses >> np.uint64(self.shift)
-        unknown = cells[~contains(self.cells, cells)]
-        if not len(unknown):
-            return
-        wanted, shift = np.union1d(self.cells, unknown), self.shift
-        while len(wanted) > self._max_cells:
-            wanted, shift = np.unique(wanted >> np.uint64(1)), shift + 1
-        self._regroup(wanted, shift)
+        places, unknown = self._index.find(cells)
+        if len(unknown):
+            self._make_cells(np.unique(cells[unknown]))
+            places, _ = self._index.find(addresses >> np.uint64(self.shift))
+        return places
 
-    def _regroup(self, cells: Any, shift: int) -> None:
-        """Moves the counts to other cells, each of which holds whole ones of now."""
-        counts = np.zeros((len(cells), self.counts.shape[1]), np.uint32)
-        places = np.searchsorted(cells, self.cells >> np.uint64(shift - self.shift))
-        if len(places):
-            starts = np.flatnonzero(np.diff(places, prepend=-1))
-            counts[places[starts]] = np.add.reduceat(self.counts, starts, axis=0)
-        self.cells, self.counts, self.shift = cells, counts, shift
+    def _make_cells(self, new: Any) -> None:
+        """Makes cells of these numbers, larger ones if there would be too many."""
+        wanted, doublings = np.union1d(self.cells, new), 0
+        while len(wanted) > self.counts.shape[1]:
+            wanted, doublings = np.unique(wanted >> np.uint64(1)), doublings + 1
+        if doublings:
+            self._join_cells(doublings)
+        self._index.add(np.setdiff1d(wanted, self.cells, assume_unique=True))
 
-    @staticmethod
-    def of_all(densities: Iterable[Density]) -> Density:
-        """The sum of some, with the cells of the coarsest."""
-        parts = list(densities)
-        bins = parts[0].counts.shape[1] if parts else Summary.BINS
-        total = Density(bins, 2**62)
-        total.shift = max((part.shift for part in parts), default=total.shift)
-        for part in parts:
-            cells = part.cells >> np.uint64(total.shift - part.shift)
-            total._regroup(np.union1d(total.cells, cells), total.shift)
-            np.add.at(total.counts, np.searchsorted(total.cells, cells), part.counts)
-        return total
+    def _join_cells(self, doublings: int) -> None:
+        order = np.argsort(self.cells)
+        cells = self.cells[order] >> np.uint64(doublings)
+        starts = np.flatnonzero(np.append(True, cells[1:] != cells[:-1])[: len(cells)])
+        for layer in self.counts:
+            if len(starts) and layer[: len(cells)].any():
+                layer[: len(starts)] = np.add.reduceat(layer[order], starts, axis=0)
+                layer[len(starts) : len(cells)] = 0
+        self.shift += doublings
+        self._index = Index(cells[starts])
 
 
 class Footprint:
@@ -92,13 +97,11 @@ class Footprint:
         return self._distinct.is_exact
 
     def add(self, numbers: Any, bins: Any) -> None:
-        numbers, first = np.unique(numbers, return_index=True)
-        if self.is_exact:
-            bins = bins[first[self._distinct.unseen(numbers)]]
-            self.new += np.bincount(bins, minlength=len(self.new))
-            self._distinct.add(numbers)
+        was_exact = self.is_exact
+        first = self._distinct.add(numbers)
+        if was_exact:
+            self.new += np.bincount(bins[first], minlength=len(self.new))
         else:
-            self._distinct.add(numbers)
             self.new[bins[-1]] += max(self._distinct.size - int(self.new.sum()), 0)
 
     def halve(self) -> None:
@@ -111,38 +114,44 @@ class Counts:
     OTHERS = -1
 
     def __init__(self, bins: int, most: int) -> None:
-        self.by_key: dict[int, Any] = {}
-        self._bins = bins
         self._most = most
+        self._keys = Index()
+        self._counts = np.zeros((most + 1, bins), np.int64)
 
-    def add(self, keys: Any, bins: Any) -> None:
+    @property
+    def by_key(self) -> dict[int, Any]:
+        """Rows of bins in the order in which their keys came, at the end maybe one of OTHERS."""
+        keys = self._keys.numbers.tolist()
+        if len(keys) > self._most:
+            keys[self._most :] = [self.OTHERS]
+        return dict(zip(keys, self._counts))
+
+    def add(self, keys: Any, bins: Any) -> Any:
+        """Counts transactions by key and bin. Returns the numbers of the rows that it counts in."""
+        rows = np.minimum(self._keys.places(keys), self._most)
         first, width = bins[0], bins[-1] - bins[0] + 1
-        present = np.flatnonzero(np.bincount(keys))
-        place = np.zeros(present[-1] + 1, np.intp)
-        place[present] = np.arange(len(present))
-        counts = np.bincount(place[keys] * width + (bins - first), minlength=len(present) * width)
-        for key, times in zip(present.tolist(), counts.reshape(-1, width)):
-            if key not in self.by_key and len(self.by_key) >= self._most:
-                key = self.OTHERS
-            row = self.by_key.setdefault(key, np.zeros(self._bins, np.int64))
-            row[first : first + width] += times
+        used = rows.max() + 1
+        counts = np.bincount(rows * width + (bins - first), minlength=used * width)
+        self._counts[:used, first : first + width] += counts.reshape(used, width)
+        return rows
 
     def halve(self) -> None:
-        for row in self.by_key.values():
-            _join_pairs(row)
+        _join_pairs(self._counts[: len(self._keys.numbers) + 1])
 
 
 class Summary:
     """What is drawn of a trace: `add` takes its transactions in order, with their positions.
 
     Bin i of all that is counted by position holds those from `first` + i * `width` on; `bins` of
-    them are used. `density` has one Density an agent for the agents that came first, and one for
-    the others together under Counts.OTHERS.
+    them are used. `density` has a layer for each of the first agents of `agents.by_key`, and one for
+    the others together.
     """
 
     BINS = 1024
     CELLS = 1024
     AGENTS = 8  # with a density of their own
+    AGENT_COUNTS = 1024  # with counts of their own
+    PIECE = 1 << 16  # transactions that are counted at a time, which fit into a core's own cache
 
     def __init__(self) -> None:
         self.first = 0
@@ -150,14 +159,23 @@ class Summary:
         self.bins = 0
         self.size = 0
         self.types = Counts(self.BINS, 256)
-        self.agents = Counts(self.BINS, 64)
-        self.density: dict[int, Density] = {}
+        self.agents = Counts(self.BINS, self.AGENT_COUNTS)
+        self.density = Density(self.AGENTS + 1, self.CELLS, self.BINS)
         self.footprint = Footprint(self.BINS)
 
     def add(self, positions: Any, transactions: Any) -> None:
         """Takes transactions at such 0-based positions of their trace, in order."""
-        if not len(positions):
-            return
+        for begin in range(0, len(positions), self.PIECE):
+            piece = slice(begin, begin + self.PIECE)
+            self._add(positions[piece], transactions[piece])
+
+    def layers(self) -> dict[int, int]:
+        """The layers of `density` by agent, that of all further agents under Counts.OTHERS."""
+        agents = list(self.agents.by_key)
+        own = {agent: layer for layer, agent in enumerate(agents[: self.AGENTS])}
+        return own if len(agents) <= self.AGENTS else {**own, Counts.OTHERS: self.AGENTS}
+
+    def _add(self, positions: Any, transactions: Any) -> None:
         if not self.size:
             self.first = int(positions[0])
         self.size += len(positions)
@@ -165,28 +183,24 @@ class Summary:
             self._halve()
         bins = (positions - self.first) // self.width
         self.bins = int(bins[-1]) + 1
-        self.types.add(transactions["type"], bins)
-        self.agents.add(transactions["agent"], bins)
-        self._add_addresses(transactions, bins)
-
-    def _add_addresses(self, transactions: Any, bins: Any) -> None:
-        addresses, agents = transactions["address"], transactions["agent"]
-        for agent in np.flatnonzero(np.bincount(agents)).tolist():
-            chosen = agents == agent
-            if agent not in self.density and len(self.density) >= self.AGENTS:
-                agent = Counts.OTHERS
-            density = self.density.setdefault(agent, Density(self.BINS, self.CELLS))
-            density.add(addresses[chosen], bins[chosen])
+        self.types.add(transactions["type"].astype(np.uint64), bins)
+        agents = self.agents.add(transactions["agent"].astype(np.uint32).astype(np.uint64), bins)
+        addresses = transactions["address"]
+        self.density.add(addresses, np.minimum(agents, self.AGENTS), bins)
         self.footprint.add(addresses // np.uint64(LINE), bins)
 
     def _halve(self) -> None:
         self.width *= 2
-        for counts in (self.types, self.agents, self.footprint, *self.density.values()):
-            counts.halve()
+        self.types.halve()
+        self.agents.halve()
+        self.density.halve()
+        self.footprint.halve()
 
 
 def select(transactions: Any, agents: Any, types: Any, low: int, high: int) -> Any:
-    """Which transactions have one of the agents and types (None: all) and an address in [low, high)."""
+    """An index of those with one of the agents and types (None: all) and an address in [low, high)."""
+    if agents is None and types is None and (low, high) == (0, 1 << 64):
+        return slice(None)
     addresses = transactions["address"]
     chosen = (addresses >= np.uint64(low)) & (addresses <= np.uint64(high - 1))
     if agents is not None:

@@ -6,7 +6,7 @@ from typing import Any
 
 import numpy as np
 
-from ._distinct import Distinct
+from ._distinct import Distinct, Index
 from ._types import NAMES
 
 LINE = 64  # bytes
@@ -31,14 +31,17 @@ class Totals:
 
     def __init__(self) -> None:
         self.counts: dict[tuple[int, int], int] = {}
+        self._pairs = Index()  # type codes in the upper half, agents in the lower
         self._lines = Distinct()
 
     def add(self, transactions: Any) -> Totals:
         """Counts more transactions; returns itself."""
-        keys = transactions["type"].astype(np.int64) << 32 | transactions["agent"].astype(np.uint32)
-        for key, times in zip(*(found.tolist() for found in np.unique(keys, return_counts=True))):
-            self._count((key >> 32, key & 0xFFFFFFFF), times)
-        self._lines.add(np.unique(transactions["address"] // np.uint64(LINE)))
+        types = transactions["type"].astype(np.uint64) << np.uint64(32)
+        times = np.bincount(self._pairs.places(types | transactions["agent"].astype(np.uint32)))
+        for key, number in zip(self._pairs.numbers.tolist(), times.tolist()):
+            if number:
+                self._count((key >> 32, key & 0xFFFFFFFF), number)
+        self._lines.add(transactions["address"] // np.uint64(LINE))
         return self
 
     def merge(self, other: Totals) -> Totals:

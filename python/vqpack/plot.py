@@ -19,14 +19,21 @@ from typing import Any, Optional
 
 import numpy as np
 
-from ._summary import LINE, Counts, Density, Summary, select
+from ._layout import Layout
+from ._summary import Counts, Summary, select
+from ._totals import LINE
 
-__all__ = ["Layout", "Summary", "agents", "density", "figure", "footprint", "summarize", "types"]
+# fmt: off
+__all__ = [
+    "Layout", "Summary", "agents", "arrange", "density", "figure", "footprint", "summarize", "types",
+]
+# fmt: on
 
 # Of Okabe and Ito, which nearly everybody can tell apart; the last is for all others together.
 COLOURS = ["#0072B2", "#E69F00", "#009E73", "#D55E00", "#56B4E9", "#CC79A7", "#F0E442", "#BBBBBB"]
 
-SHARES = 128  # steps of a mix over time
+SHARES = 128  # steps of a mix over time, at most
+SHARE = 16  # transactions of which a share says something
 
 
 def summarize(
@@ -61,91 +68,57 @@ def summarize(
     return summary
 
 
-class Layout:
-    """Where addresses are on an axis that shows the regions with traffic and cuts what is between.
-
-    The widest gaps are cut: those of more than a hundredth of the cells, and at most
-    MOST_REGIONS - 1. A region gets rows in proportion to its size, and at least what its label takes.
-    """
-
-    ROWS = 480  # in all, more or less
-    LABEL_ROWS = 26  # a label's height, of a region at least; more where panels are small
-    BREAK = 8  # empty rows between regions
-    MOST_REGIONS = 10
-
-    def __init__(self, density: Density, panels: int = 1) -> None:
-        self.label_rows = self.LABEL_ROWS * (1 if panels <= 2 else 2)
-        cells = density.cells
-        gaps = np.diff(cells).astype(float)
-        wide = np.flatnonzero(gaps > max(2, 0.01 * len(cells)))
-        cuts = np.sort(wide[np.argsort(gaps[wide])[::-1][: self.MOST_REGIONS - 1]])
-        first, last = cells[[0, *(cuts + 1)]], cells[[*cuts, len(cells) - 1]]
-        size = 1 << density.shift
-        self.low = [int(cell) * size for cell in first]
-        self.high = [(int(cell) + 1) * size for cell in last]  # exclusive
-        sizes = np.array([high - low for low, high in zip(self.low, self.high)], float)
-        self.rows = np.maximum(self.label_rows, self.ROWS * sizes / sizes.sum()).astype(int)
-        self.start = np.cumsum(self.rows + self.BREAK) - self.rows - self.BREAK
-        self.height = int(self.start[-1] + self.rows[-1])
-
-    def row(self, addresses: Any) -> Any:
-        """The rows of byte addresses, counted upwards."""
-        lows = np.array(self.low, np.uint64)
-        region = np.maximum(np.searchsorted(lows, addresses, "right") - 1, 0)
-        offset = (addresses - lows[region]).astype(float)
-        sizes = np.array([high - low for low, high in zip(self.low, self.high)], float)
-        inside = (offset * self.rows[region] / sizes[region]).astype(int)
-        return self.start[region] + np.minimum(inside, self.rows[region] - 1)
-
-    def image(self, density: Density, bins: int) -> Any:
-        """The transactions in each row and bin; where a cell has several rows, in all of them."""
-        image = np.zeros((self.height, bins))
-        size = np.uint64(1) << np.uint64(density.shift)
-        below = self.row(density.cells * size)
-        above = self.row(density.cells * size + (size - np.uint64(1)))
-        for low, high, counts in zip(below, above, density.counts[:, :bins]):
-            image[low : high + 1] += counts
-        return image
-
-    def ticks(self) -> list[tuple[int, str]]:
-        """Rows with their addresses: where each region begins, and where the last one ends."""
-        digits = max(8, len(f"{self.high[-1]:X}"))
-        found = []
-        for low, start in zip(self.low, self.start):
-            found.append((int(start), f"{low:0{digits}X}"))
-        if self.rows[-1] >= 2 * self.label_rows:
-            found.append((self.height, f"{self.high[-1]:0{digits}X}"))
-        return found
-
-
 def density(axes: Any, summary: Summary, agent: Any = None, layout: Optional[Layout] = None) -> Any:
     """Draws address against position, as transactions a point, on a logarithmic colour scale.
 
-    Of one agent, of several (a list), or of all. `layout` makes axes that show the same regions;
-    without one it is that of what is drawn. Returns the image, for a colour bar.
+    Of one agent, of several (a list), or of all. `layout`, which `arrange` returns, makes axes that
+    show the same regions; without one it is that of what is drawn. Returns the image, for a colour
+    bar.
     """
     from matplotlib.colors import LogNorm
 
-    keys = list(summary.density) if agent is None else agent if isinstance(agent, list) else [agent]
-    drawn = Density.of_all(summary.density[key] for key in keys)
-    layout = layout or Layout(drawn)
-    image = layout.image(drawn, summary.bins)
-    top = max((image.max(initial=1), 2))
+    cells, counts = summary.density.of(_layers(summary, agent))
+    layout = layout or arrange(axes, summary, agent)
+    step = -(-summary.bins // max(int(axes.get_window_extent().width), 1))
+    image = layout.image(cells, _grouped(counts, summary.bins, step))
+    low, _ = _span(summary)
     shown = axes.imshow(
-        np.ma.masked_equal(image, 0),
+        np.where(image, image, np.nan),
         origin="lower",
         aspect="auto",
         interpolation="nearest",
-        extent=(*_span(summary), 0, layout.height),
-        norm=LogNorm(1, top),
+        extent=(low, low + image.shape[1] * step * summary.width, 0, layout.height),
+        norm=LogNorm(1, max(image.max(initial=1), 2)),
         cmap=_colours(),
     )
     for start in layout.start[1:]:
         axes.axhspan(start - layout.BREAK, start, color="0.85", linewidth=0)
+    axes.set_ylim(-3, layout.height + 3)  # clear of the frame
     axes.set_yticks(*zip(*layout.ticks()), family="monospace", size="x-small")
     axes.set_ylabel("address")
     _label_positions(axes, summary)
     return shown
+
+
+def arrange(axes: Any, summary: Summary, agent: Any = None) -> Layout:
+    """How such axes show the addresses of one agent, of several, or of all."""
+    cells, counts = summary.density.of(_layers(summary, agent))
+    height = int(axes.get_window_extent().height)
+    return Layout(cells, counts.sum(axis=1), summary.density.shift, height)
+
+
+def _layers(summary: Summary, agent: Any) -> list[int]:
+    layers = summary.layers()
+    agents = list(layers) if agent is None else agent if isinstance(agent, list) else [agent]
+    return [layers[key] for key in agents]
+
+
+def _grouped(counts: Any, bins: int, step: int) -> Any:
+    """Sums of `step` bins each, the last maybe of fewer."""
+    steps = -(-bins // step)
+    counts = counts[..., :bins]
+    padding = np.zeros((*counts.shape[:-1], steps * step - bins), counts.dtype)
+    return np.append(counts, padding, axis=-1).reshape(*counts.shape[:-1], steps, step).sum(axis=-1)
 
 
 def _colours() -> Any:
@@ -153,7 +126,7 @@ def _colours() -> Any:
     from matplotlib import colormaps
     from matplotlib.colors import ListedColormap
 
-    return ListedColormap(colormaps["YlGnBu"](np.linspace(0.35, 1, 256)))
+    return ListedColormap(colormaps["YlGnBu"](np.linspace(0.45, 1, 256)))
 
 
 def _span(summary: Summary) -> tuple[int, int]:
@@ -161,12 +134,17 @@ def _span(summary: Summary) -> tuple[int, int]:
 
 
 def _label_positions(axes: Any, summary: Summary) -> None:
+    """Labels an axis of positions. What long ones have in common is in the name of the axis."""
     from matplotlib.ticker import EngFormatter
 
-    axes.set_xlim(*_span(summary))
-    axes.xaxis.set_major_formatter(EngFormatter(sep=""))
+    low, high = _span(summary)
+    unit = 10 ** len(str(high - low))
+    base = low // unit * unit if high > 100 * (high - low) else 0
+    engineering = EngFormatter(sep="")
+    axes.set_xlim(low, high)
+    axes.xaxis.set_major_formatter(lambda position, _: engineering(position - base))
     axes.xaxis.get_major_locator().set_params(integer=True, nbins=6)
-    axes.set_xlabel("transaction")
+    axes.set_xlabel(f"transaction \N{MINUS SIGN} {base:,}" if base else "transaction")
 
 
 def types(axes: Any, summary: Summary, names: Any) -> None:
@@ -189,34 +167,28 @@ def agents(axes: Any, summary: Summary) -> None:
 def _mix(axes: Any, summary: Summary, rows: dict[str, Any]) -> None:
     """Stacks shares: the most frequent by themselves, the others together."""
     ranked = sorted(rows, key=lambda name: (name == "others", -rows[name].sum()))
-    most = len(COLOURS)
-    own = ranked if len(ranked) <= most else ranked[: most - 1]
-    step = -(-summary.bins // SHARES)
-    steps = -(-summary.bins // step)
-
-    def summed(names: Any) -> Any:
-        total = np.zeros(steps * step)
-        for name in names:
-            total[: summary.bins] += rows[name][: summary.bins]
-        return total.reshape(steps, step).sum(axis=1)
-
-    stacked = {name: summed([name]) for name in own}
+    own = ranked if len(ranked) <= len(COLOURS) else ranked[: len(COLOURS) - 1]
+    steps = min(SHARES, max(1, summary.size // SHARE))
+    step = -(-summary.bins // steps)
+    stacked = {name: _grouped(rows[name], summary.bins, step) for name in own}
     if len(own) < len(ranked):
-        stacked["others"] = summed(ranked[len(own) :])
+        others = sum(rows[name] for name in ranked[len(own) :])
+        stacked["others"] = _grouped(others, summary.bins, step)
     all_of_them = np.maximum(sum(stacked.values()), 1)
     low, high = _span(summary)
-    edges = np.minimum(low + np.arange(steps + 1) * step * summary.width, high)
-    base = np.zeros(steps)
+    edges = np.minimum(low + np.arange(len(all_of_them) + 1) * step * summary.width, high)
+    base = np.zeros(len(all_of_them))
     for (name, counts), colour in zip(stacked.items(), COLOURS):
         share = counts / all_of_them
+        name = name.replace("$", r"\$")
         axes.stairs(base + share, edges, baseline=base, fill=True, color=colour, label=name)
         base = base + share
     axes.set_ylim(0, 1)
     axes.yaxis.set_major_formatter(lambda share, _: f"{100 * share:.0f} %")
     _label_positions(axes, summary)
-    axes.legend(
-        loc="upper left", bbox_to_anchor=(1, 1), fontsize="x-small", frameon=False, borderpad=0
-    )
+    handles, labels = axes.get_legend_handles_labels()
+    place = {"loc": "upper left", "bbox_to_anchor": (1, 1), "borderpad": 0}
+    axes.legend(handles[::-1], labels[::-1], fontsize="x-small", frameon=False, **place)
 
 
 def footprint(axes: Any, summary: Summary) -> None:
@@ -224,7 +196,8 @@ def footprint(axes: Any, summary: Summary) -> None:
     low, high = _span(summary)
     lines = np.cumsum(summary.footprint.new[: summary.bins])
     unit, scale = _unit(lines[-1] * LINE)
-    axes.plot(np.linspace(low, high, summary.bins + 1), [0, *(lines * LINE / scale)], color=COLOURS[0])
+    positions = np.linspace(low, high, summary.bins + 1)
+    axes.plot(positions, [0, *(lines * LINE / scale)], color=COLOURS[0])
     axes.set_ylim(0, None)
     axes.set_ylabel(unit)
     _label_positions(axes, summary)
@@ -242,50 +215,68 @@ def _unit(size: int) -> tuple[str, int]:
 def figure(summary: Summary, title: str, names: Any, caption: str = "") -> Any:
     """One page with all of it: a Figure of matplotlib, 1,200 pixels wide at 100 dots an inch."""
     from matplotlib.figure import Figure
-    from matplotlib.ticker import EngFormatter, NullFormatter
 
     page = Figure(figsize=(12, 9.5), dpi=100, layout="constrained")
-    page.suptitle(title, weight="bold")
+    page.suptitle(_shortened(title), weight="bold", parse_math=False)
+    if caption:
+        place = {"x": 0.01, "ha": "left", "size": "small", "family": "monospace"}
+        page.supxlabel(caption, parse_math=False, **place)
     if not summary.size:
         page.text(0.5, 0.5, "no transactions", ha="center")
         return page
     above, below = page.subfigures(2, 1, height_ratios=(2.2, 1))
     panels = _panels(summary)
-    layout = Layout(Density.of_all(summary.density.values()), len(panels))
-    columns = 1 if len(panels) == 1 else 2
-    grid = above.subplots(
-        -(-len(panels) // columns), columns, sharex=True, sharey=True, squeeze=False
-    ).flat
-    for axes, (name, keys) in zip(grid, panels.items()):
-        shown = density(axes, summary, keys, layout)
-        axes.set_title(name, size="medium")
-        axes.label_outer()
-        bar = above.colorbar(shown, ax=axes, pad=0.01)
-        bar.set_label("transactions", size="x-small")
-        bar.ax.tick_params(labelsize="x-small")
-        bar.ax.yaxis.set_major_formatter(EngFormatter(sep=""))
-        bar.ax.yaxis.set_minor_formatter(NullFormatter())
-    for axes in list(grid)[len(panels) :]:
-        axes.remove()
+    _densities(above, summary, panels)
     small = below.subplots(1, 2 + (len(panels) > 1))
     types(small[0], summary, names)
     footprint(small[1], summary)
     if len(small) > 2:
         agents(small[2], summary)
-    if caption:
-        page.supxlabel(caption, size="small", x=0.01, ha="left", family="monospace")
     return page
+
+
+def _shortened(title: str) -> str:
+    """What fits into a line of a page."""
+    printable = "".join(letter if letter.isprintable() else "?" for letter in title)
+    return printable if len(printable) <= 90 else f"{printable[:30]} ... {printable[-55:]}"
+
+
+def _densities(part: Any, summary: Summary, panels: dict[str, list[int]]) -> None:
+    """Draws a panel each, all with the same regions and colours."""
+    from matplotlib.ticker import EngFormatter, LogLocator
+
+    columns = 1 if len(panels) == 1 else 2
+    rows = -(-len(panels) // columns)
+    grid = list(part.subplots(rows, columns, sharex=True, sharey=True, squeeze=False).flat)
+    for unused in grid[len(panels) :]:
+        unused.remove()
+    grid = grid[: len(panels)]
+    layout = arrange(grid[0], summary)
+    images = []
+    for axes, (name, keys) in zip(grid, panels.items()):
+        images.append(density(axes, summary, keys, layout))
+        axes.set_title(name, size="medium")
+        axes.label_outer()
+    for axes in grid[-columns:]:
+        axes.tick_params(labelbottom=True)
+        axes.set_xlabel(grid[-1].get_xlabel())
+    fullest = max(images, key=lambda image: float(image.norm.vmax))
+    for image in images:
+        image.set_norm(fullest.norm)
+    form = {"ticks": LogLocator(subs=(1, 2, 5)), "format": EngFormatter(sep="")}
+    bar = part.colorbar(images[0], ax=grid, pad=0.01, aspect=30, **form)
+    bar.minorticks_off()
+    bar.set_label("transactions a point", size="x-small")
+    bar.ax.tick_params(labelsize="x-small")
 
 
 def _panels(summary: Summary) -> dict[str, list[int]]:
     """Which agents share a panel: up to four have one each, of more the busiest three."""
-    own = {key: summary.agents.by_key[key].sum() for key in summary.density if key != Counts.OTHERS}
+    layers = list(summary.layers())
+    by_key = summary.agents.by_key
+    own = {key: int(by_key[key].sum()) for key in layers if key != Counts.OTHERS}
+    most = 4 if len(layers) <= 4 else 3
     ranked = sorted(own, key=lambda key: -own[key])
-    everybody = len(summary.agents.by_key)
-    if everybody == 1:
-        return {"transactions": ranked}
-    if everybody <= 4:
-        return {f"agent {key:X}": [key] for key in sorted(ranked)}
-    rest = [key for key in summary.density if key not in ranked[:3]]
-    panels = {f"agent {key:X}": [key] for key in sorted(ranked[:3])}
-    return {**panels, "all other agents": rest}
+    panels = {f"agent {key:X}": [key] for key in sorted(ranked[:most])}
+    rest = [key for key in layers if key not in ranked[:most]]
+    return {**panels, "all other agents": rest} if rest else panels
