@@ -3,23 +3,42 @@
 from __future__ import annotations
 
 import argparse
+import errno
+import os
 import sys
 from contextlib import nullcontext
 from typing import Any, Optional
 
 import vqpack
 
-
-def _numbers(text: str) -> list[int]:
-    return [int(part, 16) for part in text.split(",")]
+ALL = (0, 1 << 64)  # addresses
 
 
-def _span(text: str) -> tuple[int, int]:
-    low, _, high = text.partition("-")
-    span = int(low or "0", 16), int(high, 16) + 1 if high else 1 << 64
-    if not 0 <= span[0] < span[1] <= 1 << 64:
-        raise ValueError
+def _agents(text: str) -> list[int]:
+    return [_number(part, 16, 1 << 32) for part in text.split(",")]
+
+
+def _position(text: str) -> int:
+    return _number(text, 10, 1 << 62)
+
+
+def _addresses(text: str) -> tuple[int, int]:
+    low, dash, high = text.partition("-")
+    span = _number(low, 16, 1 << 64), _number(high, 16, 1 << 64) + 1
+    if not dash or span[0] >= span[1]:
+        raise argparse.ArgumentTypeError(f"{text!r} is no range of addresses, as 1000-1FFF")
     return span
+
+
+def _number(text: str, base: int, limit: int) -> int:
+    try:
+        number = int(text, base)
+    except ValueError:
+        number = -1
+    if not 0 <= number < limit:
+        kind = "hexadecimal" if base == 16 else "decimal"
+        raise argparse.ArgumentTypeError(f"{text!r} is no {kind} number below {limit:,}")
+    return number
 
 
 def _parser() -> argparse.ArgumentParser:
@@ -30,15 +49,17 @@ def _parser() -> argparse.ArgumentParser:
     plot.add_argument("trace", help="VELK text or QUBIX, also as .gz or .bz2")
     plot.add_argument("-o", "--output", required=True, metavar="FILE", help=".png, .svg or .pdf")
     plot.add_argument(
-        "--from", type=int, default=0, metavar="A", dest="begin", help="skip the first A"
+        "--from", type=_position, default=0, metavar="A", dest="begin", help="skip the first A"
     )
-    plot.add_argument("--to", type=int, metavar="B", dest="end", help="stop after the first B")
-    plot.add_argument("--agent", type=_numbers, metavar="LIST", help="of these, in hexadecimal")
+    plot.add_argument(
+        "--to", type=_position, metavar="B", dest="end", help="stop after the first B"
+    )
+    plot.add_argument("--agent", type=_agents, metavar="LIST", help="of these, in hexadecimal")
     plot.add_argument("--type", metavar="LIST", help="of these, by name")
     plot.add_argument(
         "--address",
-        type=_span,
-        default=(0, 1 << 64),
+        type=_addresses,
+        default=ALL,
         metavar="LO-HI",
         help="from LO to HI, in hexadecimal",
     )
@@ -57,31 +78,48 @@ def _progress(total: Optional[int]) -> Any:
     return nullcontext()
 
 
-def _caption(name: str, metadata: vqpack.Metadata, summary: Any) -> str:
-    kind = "text" if metadata.version < 0 else f"QUBIX type {metadata.version}"
-    facts = [kind, f"{summary.size:,} transactions"]
+def _caption(arguments: argparse.Namespace, metadata: vqpack.Metadata, drawn: int) -> str:
+    """What the header says, what of the trace is drawn, and the start of the comment."""
+    known, chosen = metadata.transactions, _choice(arguments)
+    total = drawn if known is None and not chosen else known
+    facts = ["text" if metadata.version < 0 else f"QUBIX type {metadata.version}"]
     for value, what in (
+        (total, "transaction" if total == 1 else "transactions"),
         (metadata.instructions, "instructions"),
         (metadata.cycles, "cycles"),
         (metadata.threads, "threads"),
         (metadata.cache_size_kib, "KiB of cache"),
+        (metadata.line_size, "bytes a line"),
     ):
         if value:
             facts.append(f"{value:,} {what}")
-    comment = (metadata.comment or "").strip().splitlines()
-    return ", ".join(facts) + "".join(f"\n{line[:150]}" for line in comment[:2])
+    lines = [", ".join(facts)]
+    if chosen:
+        lines.append(f"{drawn:,} of them chosen by {chosen}")
+    lines += (metadata.comment or "").strip().splitlines()[:2]
+    return "\n".join(line if len(line) <= 150 else f"{line[:147]}..." for line in lines)
+
+
+def _choice(arguments: argparse.Namespace) -> str:
+    """The options that choose what is drawn, as they would be given."""
+    agents, (low, high) = arguments.agent, arguments.address
+    options = {
+        "--from": arguments.begin or None,
+        "--to": arguments.end,
+        "--agent": agents and ",".join(f"{agent:X}" for agent in agents),
+        "--type": arguments.type,
+        "--address": None if (low, high) == ALL else f"{low:X}-{high - 1:X}",
+    }
+    return " ".join(f"{name} {value}" for name, value in options.items() if value is not None)
 
 
 def _plot(arguments: argparse.Namespace) -> None:
     from . import plot
 
+    _check_output(arguments.output)  # before hours of reading
+    low, high = arguments.address
     with vqpack.open(arguments.trace, batch=1 << 18) as trace:
-        codes = None
-        if arguments.type:
-            wanted = arguments.type.split(",")
-            if unknown := set(wanted) - set(trace.names):
-                raise ValueError(f"no such type: {', '.join(sorted(unknown))}")
-            codes = [trace.names.index(name) for name in wanted]
+        codes = None if arguments.type is None else _codes(arguments.type, trace.names)
         with _progress(trace.metadata.transactions) as shown:
             summary = plot.summarize(
                 trace,
@@ -89,11 +127,32 @@ def _plot(arguments: argparse.Namespace) -> None:
                 arguments.end,
                 arguments.agent,
                 codes,
-                *arguments.address,
-                progress=shown and shown.update,
+                low,
+                high,
+                shown and shown.update,
             )
-        caption = _caption(arguments.trace, trace.metadata, summary)
+        caption = _caption(arguments, trace.metadata, summary.size)
         plot.figure(summary, arguments.trace, trace.names, caption).savefig(arguments.output)
+
+
+def _check_output(name: str) -> None:
+    from matplotlib.figure import Figure
+
+    ending = os.path.splitext(name)[1][1:].lower()
+    if ending not in Figure().canvas.get_supported_filetypes():
+        raise ValueError(f"the format of {name!r} is not supported; .png, .svg and .pdf are")
+    folder = os.path.dirname(name) or "."
+    if not os.path.isdir(folder):
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), folder)
+
+
+def _codes(wanted: str, names: tuple[str, ...]) -> list[int]:
+    """The codes of types by name; a file's own names may repeat."""
+    chosen = [name.strip() for name in wanted.split(",")]
+    for name in chosen:
+        if name not in names:
+            raise ValueError(f"no such type: {name}")
+    return [code for code, name in enumerate(names) if name in chosen]
 
 
 def main() -> int:
