@@ -89,7 +89,7 @@ class Distinct:
         elif self.is_exact:
             self._keep(np.union1d(self._seen, other._seen))
         else:
-            self._note(other._seen)
+            self._note_all(other._seen)
 
     def __getstate__(self) -> dict[str, Any]:
         return {**self.__dict__, "_recent": None}
@@ -112,9 +112,13 @@ class Distinct:
             self._estimate_from_now_on()
 
     def _estimate_from_now_on(self) -> None:
-        self._note(self._seen)
+        self._note_all(self._seen)
         self._seen = np.empty(0, np.uint64)
         self.is_exact = False
+
+    def _note_all(self, numbers: Any) -> None:
+        for part in np.array_split(numbers, 64):  # takes less memory
+            self._note(part)
 
     def _note(self, numbers: Any) -> None:
         hashes = _mixed(numbers)

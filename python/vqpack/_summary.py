@@ -37,14 +37,19 @@ class Density:
         """Counts transactions by address in bytes, layer and bin, which never decreases."""
         places = self._places(addresses)
         first, width = bins[0], bins[-1] - bins[0] + 1
-        used, size = layers.max() + 1, len(self.cells)
+        used, size = int(layers.max()) + 1, len(self.cells)
+        if used * size * int(width) > 4 * len(bins):  # slower, but no room for a mostly empty grid
+            np.add.at(self.counts, (layers, places, bins), np.uint32(1))
+            return
         spots = (layers * size + places) * width + (bins - first)
         counts = np.bincount(spots, minlength=used * size * width).reshape(used, size, width)
         self.counts[:used, :size, first : first + width] += counts.astype(np.uint32)
 
     def of(self, layers: list[int]) -> tuple[Any, Any]:
         """The numbers of the cells that such layers use, in order, and their counts by bin."""
-        counts = self.counts[layers, : len(self.cells)].sum(axis=0)
+        counts = np.zeros((len(self.cells), self.counts.shape[2]), np.int64)
+        for layer in layers:
+            counts += self.counts[layer, : len(self.cells)]
         order = np.argsort(self.cells)
         order = order[counts[order].any(axis=1)]
         return self.cells[order], counts[order]
@@ -204,7 +209,7 @@ def select(transactions: Any, agents: Any, types: Any, low: int, high: int) -> A
     addresses = transactions["address"]
     chosen = (addresses >= np.uint64(low)) & (addresses <= np.uint64(high - 1))
     if agents is not None:
-        chosen &= np.isin(transactions["agent"], agents)
+        chosen &= np.isin(transactions["agent"].astype(np.uint32), agents)
     if types is not None:
         chosen &= np.isin(transactions["type"], types)
     return chosen
