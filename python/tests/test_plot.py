@@ -1,6 +1,7 @@
 """What a picture shows, against plain counts."""
 
 import io
+import os
 import random
 import subprocess
 import sys
@@ -151,6 +152,16 @@ def test_command(tmp_path):
         command = [sys.executable, "-m", "vqpack", "plot", tmp_path / "run.qu"]
         subprocess.run([*command, "-o", tmp_path / name, "--agent", "0,2"], check=True)
         assert (tmp_path / name).stat().st_size > 5000
+
+
+def test_progress_where_the_length_is_unknown(tmp_path):
+    """Text on a terminal."""
+    pytest.importorskip("tqdm")
+    (tmp_path / "run.velk").write_text("MEMRD 8 0\n" * 100)
+    terminal, other_end = os.openpty()
+    command = [sys.executable, "-m", "vqpack", "plot", "run.velk", "-o", "page.png"]
+    subprocess.run(command, cwd=tmp_path, stderr=other_end, check=True)
+    assert b"transactions" in os.read(terminal, 1000)
 
 
 @pytest.mark.parametrize(

@@ -6,7 +6,9 @@ import argparse
 import errno
 import os
 import sys
-from contextlib import nullcontext
+import warnings
+from collections.abc import Iterator
+from contextlib import contextmanager
 from typing import Any, Optional
 
 import vqpack
@@ -24,8 +26,8 @@ def _position(text: str) -> int:
 
 def _addresses(text: str) -> tuple[int, int]:
     low, dash, high = text.partition("-")
-    span = _number(low, 16, 1 << 64), _number(high, 16, 1 << 64) + 1
-    if not dash or span[0] >= span[1]:
+    span = (_number(low, 16, 1 << 64), _number(high, 16, 1 << 64) + 1) if dash else (0, 0)
+    if span[0] >= span[1]:
         raise argparse.ArgumentTypeError(f"{text!r} is no range of addresses, as 1000-1FFF")
     return span
 
@@ -66,16 +68,19 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
-def _progress(total: Optional[int]) -> Any:
-    """A context that gives what is called with each number of transactions read, or None."""
+@contextmanager
+def _progress(total: Optional[int]) -> Iterator[Any]:
+    """Gives what is called with each number of transactions read, or None."""
     if sys.stderr.isatty():
         try:
             from tqdm import tqdm
         except ImportError:
             pass
         else:
-            return tqdm(total=total, unit=" transactions", unit_scale=True, leave=False)
-    return nullcontext()
+            with tqdm(total=total, unit=" transactions", unit_scale=True, leave=False) as bar:
+                yield bar.update
+            return
+    yield None
 
 
 def _caption(arguments: argparse.Namespace, metadata: vqpack.Metadata, drawn: int) -> str:
@@ -120,7 +125,9 @@ def _plot(arguments: argparse.Namespace) -> None:
     low, high = arguments.address
     with vqpack.open(arguments.trace, batch=1 << 18) as trace:
         codes = None if arguments.type is None else _codes(arguments.type, trace.names)
-        with _progress(trace.metadata.transactions) as shown:
+        ends = (trace.metadata.transactions, arguments.end)
+        total = min((end for end in ends if end is not None), default=None)
+        with _progress(total) as progress:
             summary = plot.summarize(
                 trace,
                 arguments.begin,
@@ -129,10 +136,13 @@ def _plot(arguments: argparse.Namespace) -> None:
                 codes,
                 low,
                 high,
-                shown and shown.update,
+                progress,
             )
         caption = _caption(arguments, trace.metadata, summary.size)
-        plot.figure(summary, arguments.trace, trace.names, caption).savefig(arguments.output)
+        page = plot.figure(summary, arguments.trace, trace.names, caption)
+    with warnings.catch_warnings():  # of letters that the font has not
+        warnings.filterwarnings("ignore", "Glyph")
+        page.savefig(arguments.output)
 
 
 def _check_output(name: str) -> None:
