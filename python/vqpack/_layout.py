@@ -44,14 +44,19 @@ class Layout:
         offset = (addresses - (self._first[region] << np.uint64(self._shift))).astype(float)
         return self._rows_of(region, offset / 2.0**self._shift, self.rows[region] - 1)
 
-    def image(self, cells: Any, counts: Any) -> Any:
-        """The counts of cells by row and bin; where a cell has several rows, in all of them."""
+    def image(self, cells: Any, counts: Any, thick: int = 1) -> Any:
+        """The counts of cells by row and bin; where a cell has several rows, in all of them.
+
+        `thick` rows are alike.
+        """
         image = np.zeros((self.height, counts.shape[1]))
         region = self._region(cells)
         offset = (cells - self._first[region]).astype(float)
-        begins = self._rows_of(region, offset, self.rows[region] - 1)
-        ends = self._rows_of(region, offset + 1, self.rows[region])
-        for begin, end, row in zip(begins, np.maximum(ends, begins + 1), counts):
+        start, rows = self.start[region], self.rows[region]
+        begins = (self._rows_of(region, offset, rows - 1) - start) // thick * thick
+        ends = (self._rows_of(region, offset + 1, rows) - start) // thick * thick
+        ends = np.minimum(np.maximum(ends, begins + thick), rows)
+        for begin, end, row in zip(start + begins, start + ends, counts):
             image[begin:end] += row
         return image
 

@@ -29,6 +29,8 @@ __all__ = [
 ]
 # fmt: on
 
+FEW = 1000  # transactions, which can be seen when they are more than points
+
 # Of Okabe and Ito, which nearly everybody can tell apart; the last is for all others together.
 COLOURS = ["#0072B2", "#E69F00", "#009E73", "#D55E00", "#56B4E9", "#CC79A7", "#F0E442", "#BBBBBB"]
 
@@ -80,13 +82,14 @@ def density(axes: Any, summary: Summary, agent: Any = None, layout: Optional[Lay
     cells, counts = summary.density.of(_layers(summary, agent))
     layout = layout or arrange(axes, summary, agent)
     step = -(-summary.bins // max(int(axes.get_window_extent().width), 1))
-    image = layout.image(cells, _grouped(counts, summary.bins, step))
+    thick = 1 if summary.size > FEW else 3
+    image = layout.image(cells, _grouped(counts, summary.bins, step), thick)
     low, _ = _span(summary)
     shown = axes.imshow(
         np.where(image, image, np.nan),
         origin="lower",
         aspect="auto",
-        interpolation="nearest",
+        interpolation="none",
         extent=(low, low + image.shape[1] * step * summary.width, 0, layout.height),
         norm=LogNorm(1, max(image.max(initial=1), 2)),
         cmap=_colours(),
