@@ -4,19 +4,22 @@
     cluster.py FOLDER [--scheduler ADDRESS | --workers N]
 
 Prints transactions by type and agent, the bytes that they move, and the distinct lines of 64 bytes
-that they touch, of all traces in the folder together. Without an address it starts workers on this
-machine, one a processor. A damaged trace is named and left out, and the others are counted; a worker
-that is lost has its traces counted again by the others. Ends with 1 if a trace was damaged.
+that they touch, of all traces in the folder and its subfolders together. Without an address it
+starts workers on this machine, one a processor. A damaged trace is named and left out, and the
+others are counted; a worker that is lost has its traces counted again by the others. Ends with 1 if
+a trace was damaged.
 
 The workers need this module's packages and see the folder under the same name.
 """
 
 import argparse
+import contextlib
 import os
 import pathlib
+import signal
 import sys
 
-from distributed import Client, LocalCluster, as_completed
+from distributed import Client, KilledWorker, LocalCluster, as_completed
 
 import vqpack
 
@@ -63,6 +66,15 @@ def count_all(client, paths):
     return results[0].result()
 
 
+def start_workers(number):
+    """Starts workers on this machine; Ctrl-C reaches this process alone."""
+    handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
+    try:
+        return LocalCluster(n_workers=number, threads_per_worker=1, dashboard_address=None)
+    finally:
+        signal.signal(signal.SIGINT, handler)
+
+
 def print_totals(totals):
     print(f"{'type':16} {'agent':>5} {'transactions':>15}")
     for (code, agent), times in sorted(totals.counts.items()):
@@ -79,13 +91,20 @@ def main():
     parser.add_argument("--scheduler", metavar="ADDRESS", help="as tcp://host:8786")
     parser.add_argument("--workers", type=int, default=os.cpu_count(), help="on this machine")
     arguments = parser.parse_args()
-    paths = sorted(str(path.resolve()) for path in arguments.folder.iterdir() if path.is_file())
+    paths = sorted(str(path.resolve()) for path in arguments.folder.rglob("*") if path.is_file())
     if not paths:
         sys.exit(f"no files in {arguments.folder}")
-    where = arguments.scheduler or LocalCluster(
-        n_workers=arguments.workers, threads_per_worker=1, dashboard_address=None)
-    with Client(where) as client:
-        totals, damaged = count_all(client, paths)
+    try:
+        with contextlib.ExitStack() as stack:
+            where = arguments.scheduler
+            if where is None:
+                where = stack.enter_context(start_workers(max(arguments.workers, 1)))
+            client = stack.enter_context(Client(where))
+            totals, damaged = count_all(client, paths)
+    except (OSError, ValueError, KilledWorker) as error:
+        sys.exit(f"cluster.py: {error}")
+    except KeyboardInterrupt:
+        return 130
     print_totals(totals)
     for name, fault in damaged.items():
         print(f"{name}: {fault}", file=sys.stderr)

@@ -77,9 +77,10 @@ def folder(tmp_path):
     """Traces, one of them damaged, and the totals of the others."""
     pytest.importorskip("distributed")
     wanted = vqpack.Totals()
+    (tmp_path / "more").mkdir()
     for seed in range(20):
         trace = make_trace(seed)
-        vqpack.write(tmp_path / f"{seed:02}.qu", trace)
+        vqpack.write(tmp_path / ("more" if seed > 9 else "") / f"{seed:02}.qu", trace)
         if seed != 7:
             wanted.add(trace)
     damaged = tmp_path / "07.qu"
@@ -108,7 +109,7 @@ def test_cluster_loses_a_worker(folder, monkeypatch):
     import cluster
     from distributed import Client, LocalCluster
 
-    paths = 20 * [str(file) for file in path.iterdir()]
+    paths = 20 * [str(file) for file in path.rglob("*.qu")]
     options = {"n_workers": 2, "threads_per_worker": 1, "dashboard_address": None}
     with LocalCluster(**options) as local, Client(local) as client:
         processes = client.run(os.getpid)
