@@ -52,7 +52,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   text.insert(text.end(), rest.begin(), rest.end());
   if (text.empty() || text[0] == 'Q') return 0;
 
-  const file_ptr files[] = {open_bytes(text), open_bytes(text), open_bytes(text)};
+  const file_ptr files[] = {file_of(text), file_of(text), file_of(text)};
   velk_reader reader(files[1].get(), nullptr);
   velk_reader by_name(files[2].get(),
                       [](const char* name) { return velk_trans_str2num_type1(name); });

@@ -94,14 +94,4 @@ TEST(Damage, EveryChangeOfAByteIsNoticedOrHarmless) {
   }
 }
 
-// A number in pieces was taken together with what an earlier refill had left in the buffer.
-TEST(Damage, ChunksDoNotMatterForMillionsOfBytes) {
-  const coding c{1, true};
-  const trace transactions = random_trace(1, 20, c);
-  bytes file = encode(transactions, c);
-  file.insert(file.end() - std::ptrdiff_t(end_size(c)) + 1, 9000000, 0);
-  for (const int chunk : {1024, 1025, 1 << 16})
-    EXPECT_TRUE(decode(file, [=] { return chunk; }) == (decoded{transactions, ""})) << chunk;
-}
-
 }  // namespace

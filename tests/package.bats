@@ -38,6 +38,15 @@ END
   run -1 "$1/count" - <<<"MEMRD 8"
 }
 
+# check_symbols LIBRARY [OPTION]: a program finds in it what the header declares, and names that begin
+# with vqpack's namespace or the C++ library's.
+check_symbols() {
+  nm -P --defined-only --extern-only "$@" | sed -n '/:$/!s/ .*//p' >symbols
+  grep -q '^_ZN6VQcomp6record' symbols
+  scope='(N[VK]*)?(S[a-z]|[0-9]+(VQ|velk_|PRUV_header_t|vqpack|__gnu_cxx))'
+  run -1 grep -Ev "^(velk_|DW\.ref\.|_Z(nw|dl)|_Z+(T[A-Z]|GV)?$scope)" symbols
+}
+
 @test "the installed tree holds what is published and nothing else" {
   install_to "$prefix"
   find "$prefix" -type f -printf '%P\n' | sed 's,^lib[^/]*/\([a-z0-9_-]*-linux-gnu[^/]*/\)\?,lib/,' |
@@ -87,6 +96,7 @@ END
   install_to "$prefix"
   export PKG_CONFIG_PATH
   PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vqpack.pc)")
+  check_symbols "$(find "$prefix" -name libvqcomp.a)"
   mkdir built
   for compiler in "$CXX" $(command -v clang++ || true); do
     echo '#include <vqpack/vqcomp.h>' >alone.cpp
@@ -108,75 +118,32 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 foreach(name coder xfopen generate plain failing_output)
   add_custom_target(${name})
 endforeach()
-if(WAY STREQUAL add_subdirectory)
-  add_subdirectory(${SOURCE} vqpack)
-elseif(WAY STREQUAL FetchContent)
-  include(FetchContent)
-  FetchContent_Declare(vqpack SOURCE_DIR ${SOURCE})
-  FetchContent_MakeAvailable(vqpack)
-else()
+if(NOT SOURCE)
   return()
 endif()
+include(FetchContent) # which ends with add_subdirectory()
+FetchContent_Declare(vqpack SOURCE_DIR ${SOURCE})
+FetchContent_MakeAvailable(vqpack)
 foreach(example annotate count transpose)
   add_executable(${example} ${SOURCE}/examples/${example}.cpp)
   target_link_libraries(${example} PRIVATE vqpack::vqcomp)
 endforeach()
 install(TARGETS count)
 END
-  for way in nothing add_subdirectory FetchContent; do
-    cmake -S . -B $way --no-warn-unused-cli -DWAY=$way -DSOURCE="$SOURCE" \
-      -DCMAKE_CXX_COMPILER="$CXX" >/dev/null
-    sed -n 's/^\([^:]*\):.*=.*/\1/p' $way/CMakeCache.txt | sort >$way/variables
-    [ $way != nothing ] || continue
-    comm -13 nothing/variables $way/variables >new
-    run -1 grep -Ev '^(VQPACK|vqpack|FETCHCONTENT)_' new
-    run -1 grep -e ' -W' -e -prefix-map $way/compile_commands.json
-    cmake --build $way >/dev/null
-    check_examples $way
-    cmake --install $way --prefix "$prefix/$way" >/dev/null
-    [ "$(cd "$prefix/$way" && find . -type f)" = ./bin/count ]
-  done
-}
-
-# check_symbols LIBRARY [OPTION]: a program finds in it what the header declares, and names that begin
-# with vqpack's namespace or the C++ library's.
-check_symbols() {
-  nm -P --defined-only --extern-only "$@" | sed -n '/:$/!s/ .*//p' >symbols
-  grep -q '^_ZN6VQcomp6record' symbols
-  scope='(N[VK]*)?(S[a-z]|[0-9]+(VQ|velk_|PRUV_header_t|vqpack|__gnu_cxx))'
-  run -1 grep -Ev "^(velk_|DW\.ref\.|_Z(nw|dl)|_Z+(T[A-Z]|GV)?$scope)" symbols
-}
-
-@test "a program may have the names that the library uses inside" {
-  install_to "$prefix"
-  library=$(find "$prefix" -name libvqcomp.a)
-  check_symbols "$library"
-  # As what they are not in the library, and as classes that are taken for its own.
-  cat >names.h <<'END'
-using checksum = unsigned;
-using text_source = const char*;
-namespace inslist {}
-namespace context_list {}
-inline int recency_log, entry, delta;
-END
-  cat >classes.cpp <<'END'
-#include <vqpack/vqcomp.h>
-#include <cstdlib>
-struct checksum { void fold(const VQtransaction*, std::size_t, bool, bool); };
-void checksum::fold(const VQtransaction*, std::size_t, bool, bool) { std::abort(); }
-struct context_list { void insert(unsigned, long long); };
-void context_list::insert(unsigned, long long) { std::abort(); }
-struct recency_log { unsigned exchange(unsigned, unsigned); void revive(unsigned); };
-unsigned recency_log::exchange(unsigned, unsigned) { std::abort(); }
-void recency_log::revive(unsigned) { std::abort(); }
-END
-  mkdir built
-  $CXX $flags -c classes.cpp -I "$prefix/include"
-  for example in annotate count transpose; do
-    $CXX $flags -include names.h "$SOURCE/examples/$example.cpp" classes.o -I "$prefix/include" \
-      "$library" -o built/$example
-  done
-  check_examples built
+  # configure NAME [SOURCE]: in a folder of that name, and lists the variables in its cache
+  configure() {
+    cmake -S . -B "$1" --no-warn-unused-cli -DSOURCE="${2-}" -DCMAKE_CXX_COMPILER="$CXX" >/dev/null
+    sed -n 's/^\([^:]*\):.*=.*/\1/p' "$1/CMakeCache.txt" | sort >"$1.variables"
+  }
+  configure without
+  configure with "$SOURCE"
+  comm -13 without.variables with.variables >new
+  run -1 grep -Ev '^(VQPACK|vqpack|FETCHCONTENT)_' new
+  run -1 grep -e ' -W' -e -prefix-map with/compile_commands.json
+  cmake --build with >/dev/null
+  check_examples with
+  cmake --install with --prefix "$prefix" >/dev/null
+  [ "$(cd "$prefix" && find . -type f)" = ./bin/count ]
 }
 
 @test "the library for C exports what its header declares, and a program in C uses it" {

@@ -1,6 +1,7 @@
-// What the unit tests share: traces, a trace to a QUBIX file and back, and a checksum in its
-// plainest form.
+// What the unit tests share: traces, and a trace to a QUBIX file and back.
 #pragma once
+
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -46,7 +47,7 @@ struct coder_limits {
   long long window = 65535;
   unsigned max_contexts = 0;
   int block_size = 84;
-  std::size_t batch = 0;  // transactions that the coder gets at once; 0: one, by the other call
+  std::size_t batch = 1;  // transactions that the coder gets at once
 };
 
 inline std::unique_ptr<PRUV_header_t> make_header(coding c, const trace& transactions) {
@@ -75,26 +76,17 @@ inline bytes encode(const trace& transactions, coding c, coder_limits limits = {
   };
   std::vector<VQtransaction> given;
   for (const transaction& t : transactions) given.push_back({t.addr, t.agent, t.count, t.trans});
-  for (std::size_t done = 0; done < given.size();) try {
-      const VQtransaction t = given[done];
-      if (limits.batch > 0)
-        done += coder.record(&given[done], std::min(limits.batch, given.size() - done));
-      else
-        ++done, coder.record(t.trans, t.addr, t.agent, t.count);
-      if (coder.ready()) take(unsigned(coder.ready()));
-    } catch (const VQcomp_block& block) {
-      take(block.bytes);
-    }
+  for (std::size_t done = 0; done < given.size();) {
+    done += coder.record(&given[done], std::min(limits.batch, given.size() - done));
+    if (coder.ready()) take(unsigned(coder.ready()));
+  }
   unsigned contexts, distance, bits;
   take(unsigned(coder.finish(contexts, distance, bits)));
   return file;
 }
 
-// Bytes before the first record and after the last in what encode() gives without a context limit.
+// Bytes before the first record in what encode() gives without a context limit.
 inline std::size_t preamble_size(coding c) { return c.version < 2 ? 7 : c.version < 4 ? 38 : 56; }
-inline std::size_t end_size(coding c) {
-  return (c.compressed ? 3u : 1u) + 4u + (c.version < 2 ? 4u : 0u);
-}
 
 struct decoded {
   trace transactions;
@@ -108,26 +100,12 @@ inline std::string without_place(const std::string& error) {
                                                           : error;
 }
 
-// One transaction, through the calls for one; 0 at the end of the input, or of the chunk.
-inline std::size_t read_one(VQuncomp& decoder, VQtransaction& t) {
-  try {
-    decoder.read(t.trans, t.addr, t.agent, t.count);
-    return 1;
-  } catch (const VQcomp_block&) {
-    return 0;
-  }
-}
-inline std::size_t read_one(velk_reader& reader, VQtransaction& t) {
-  return reader.read(t.trans, t.addr, t.agent, t.count);
-}
-
-// Takes `batch` transactions from a decoder or reader; 0 is one, by the other call. Returns how
-// many came, of the `most` and one more that are taken in all: damage can make billions.
+// Takes `batch` transactions at most from a decoder or reader, and only one more than `most` in
+// all: damage can make billions. Returns how many came.
 template <class Source>
 std::size_t take(Source& from, trace& to, std::size_t batch, std::size_t most) {
-  std::vector<VQtransaction> taken(batch + 1);
-  const std::size_t wanted = std::min(batch, most + 1 - to.size());
-  const std::size_t size = wanted ? from.read(taken.data(), wanted) : read_one(from, taken[0]);
+  std::vector<VQtransaction> taken(std::min(batch, most + 1 - to.size()));
+  const std::size_t size = from.read(taken.data(), taken.size());
   for (std::size_t i = 0; i < size; ++i)
     to.push_back({taken[i].trans, taken[i].addr, taken[i].agent, taken[i].count});
   return size;
@@ -136,7 +114,7 @@ std::size_t take(Source& from, trace& to, std::size_t batch, std::size_t most) {
 // Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
 template <class NextSize>
 decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
-               std::size_t batch = 0) {
+               std::size_t batch = 1) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
@@ -160,13 +138,17 @@ inline decoded decode(const bytes& file) {
   return decode(file, [] { return 1024; });
 }
 
-// A file that is read from memory, which must outlive it.
-inline file_ptr open_bytes(const bytes& data) {
-  return file_ptr(fmemopen(const_cast<unsigned char*>(data.data()), data.size(), "r"));
+// A file with a descriptor, at its start.
+template <class Content>
+file_ptr file_of(const Content& content) {
+  file_ptr file(fdopen(memfd_create("test", MFD_CLOEXEC), "w+"));
+  std::fwrite(content.data(), 1, content.size(), file.get());
+  std::rewind(file.get());
+  return file;
 }
 
 // All that a reader delivers.
-inline decoded read_all(FILE* file, std::size_t batch = 0, std::size_t most = 1 << 14) {
+inline decoded read_all(FILE* file, std::size_t batch = 1, std::size_t most = 1 << 14) {
   decoded result;
   try {
     velk_reader reader(file, nullptr);
@@ -190,19 +172,6 @@ std::string error_of(Call call) {
   return "no error";
 }
 
-// The remainder of the bytes, and of four zero bytes more when it is `closed`, bit by bit.
-inline unsigned plain_checksum(bytes data, bool closed) {
-  if (closed) data.insert(data.end(), 4, 0);
-  unsigned remainder = 0;
-  for (const unsigned byte : data)
-    for (int bit = 7; bit >= 0; --bit) {
-      const bool carry = remainder >> 31;
-      remainder = remainder << 1 | (byte >> bit & 1);
-      if (carry) remainder ^= 0x04C11DB7;
-    }
-  return remainder;
-}
-
 // A trace with some of everything: runs of lines, strides, jumps within a cluster and far away,
 // clusters at both ends of the address space, deferred replies, counts and agents of all sizes.
 // What the coding cannot keep, it does not have.
@@ -214,7 +183,8 @@ trace make_trace(Random random, int size, coding c) {
   const unsigned long long spread = 1ULL << below(21);
   std::vector<transaction> latest;
   for (int i = 0; i < clusters * agents; ++i) {
-    const int agent = c.wide_agents() && below(4) == 0 ? below(65536) : below(256);
+    const int any_agent = below(3) ? 253 + below(4) : below(65536);
+    const int agent = c.wide_agents() ? any_agent : any_agent & 0xFF;
     const long long addr = below(spread) * 8LL, end = below(6) ? 0 : -(1LL << 23);
     latest.push_back({velk_trans_class(67 - below(types)), addr + end, agent});
   }

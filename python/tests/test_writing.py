@@ -132,13 +132,11 @@ BAD_TRANSACTIONS = [
     ({"address": [True], "type": 4}, TypeError, "True at index 0"),
     ({"address": np.ma.array([8], mask=[1]), "type": 4}, TypeError, "masked"),
     ({"address": [[8], [8]], "type": 4}, ValueError, "2 dimensions"),
-    ({"address": ["8"], "type": 4}, TypeError, "'8' at index 0"),
     ({"address": [8, 16], "type": [4]}, ValueError, "differ in length: address 2, type 1"),
     ({"address": [8]}, ValueError, "'type' is missing"),
     ({"address": [8], "type": 4, "counts": 1}, ValueError, "unknown field 'counts'"),
     ({"address": [8], "type": 68}, ValueError, "type 68 at index 0"),
     ({"address": 0, "type": [4] * 99_999 + [-1]}, ValueError, "type -1 at index 99999"),
-    ({"address": [8], "type": "memrd"}, ValueError, "'memrd' at index 0"),
     ({"address": 8, "type": ["MEMRD"] * 99_999 + [None]}, ValueError, "None at index 99999"),
     ({"address": [8, 8], "type": pandas.Categorical(["MEMRD", None])}, ValueError, "at index 1"),
     ({"address": [8], "type": pandas.Categorical(["x"])}, ValueError, "'x' at index 0"),
@@ -148,15 +146,13 @@ BAD_TRANSACTIONS = [
     (np.zeros(3), TypeError, "structured"),
     (np.zeros((2, 2), vqpack.TRANSACTION), ValueError, "2 dimensions"),
     (np.array([(8, 256, 1, 4)], vqpack.TRANSACTION), ValueError, "agent 256 at index 0"),
-    (np.array([(9, 0, 1, 4)], vqpack.TRANSACTION), ValueError, "address 0x9 at index 0"),
     ([(8, 0, 1, 4)], TypeError, "list"),
     (pandas.DataFrame({"address": [8, None], "type": [4, 4]}), TypeError, "address"),
 ]
 
 BAD_OPTIONS = [
     ({"version": 6}, ValueError, "version"),
-    ({"version": 5, "threads": 65536}, ValueError, ""),
-    ({"version": 3, "cycles": 2**32}, ValueError, ""),
+    ({"version": 5, "threads": 65536}, ValueError, "threads above 65535"),
     ({"version": 5, "cycles": 2**63}, ValueError, "cycles"),
     ({"version": 5, "cycles": 1.5}, TypeError, "cycles"),
     ({"version": 3, "comment": "for long headers"}, ValueError, "comment"),
@@ -164,8 +160,9 @@ BAD_OPTIONS = [
     ({"version": 1, "line_size": 64}, ValueError, "line_size"),
     ({"version": 1, "compressed": False}, ValueError, "type 1"),
     ({"version": 5, "sensitivity": [(1, 2, 3)]}, ValueError, "3 values"),
-    ({"version": 5, "sensitivity": [(256, 0, 0, 0, 0, 0, 0)]}, ValueError, ""),
-    ({"version": 5, "sensitivity": [(0,) * 7] * 256}, ValueError, ""),
+    ({"version": 5, "sensitivity": [(256, 0, 0, 0, 0, 0, 0)]}, ValueError, "type above 255"),
+    ({"version": 5, "sensitivity": [(0, 65536, 0, 0, 0, 0, 0)]}, ValueError, "MLC size above"),
+    ({"version": 5, "sensitivity": [(0,) * 7] * 256}, ValueError, "More than 255"),
     ({"max_contexts": -1}, ValueError, "max_contexts"),
     ({"colour": "red"}, TypeError, "colour"),
 ]
@@ -208,10 +205,6 @@ def test_fails_without_a_trace(tmp_path, arrays):
     assert os.listdir(tmp_path) == []
     with pytest.raises(OSError, match="No space left|Can't write"):
         vqpack.write("/dev/full", np.tile(arrays(0), 10_000), version=0)
-    reading, writing = os.pipe()
-    os.close(reading)
-    with open(writing, "wb") as pipe, pytest.raises(OSError, match="Broken pipe|Can't write"):
-        vqpack.write(pipe, np.tile(arrays(0), 10_000), version=0)
 
 
 def test_file_that_is_open_for_reading(tmp_path, arrays):
