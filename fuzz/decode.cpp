@@ -12,8 +12,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::minstd_rand random(static_cast<unsigned>(input.number(2)) + 1);
   const bytes file = input.rest();
   if (file.size() < 5) return 0;
-  const decoded by_one = decode(
-      file, [] { return 1024; }, most);
+  const decoded by_one = decode(file, 1024, most);
 
   for (int round = 0; round < 4; ++round) {
     const unsigned longest = 1u << random() % 10;

@@ -16,10 +16,7 @@ struct sample {
   trace transactions;
 };
 
-decoded decode_at_once(const bytes& file) {
-  return decode(
-      file, [] { return 1 << 16; }, 64, 64);
-}
+decoded decode_at_once(const bytes& file) { return decode(file, 1 << 16, 64, 64); }
 
 // Seeds of the fuzz target, one of each type and coding without lists in the header and one with.
 // They hold a bit of everything that records are made of: new contexts, short and long deltas,
@@ -46,7 +43,7 @@ TEST(Damage, EveryTruncationIsNoticed) {
     for (std::size_t size = 0; size < s.file.size(); ++size)
       for (const int chunk : {1 << 16, 7}) {
         const bytes start(s.file.begin(), s.file.begin() + std::ptrdiff_t(size));
-        const decoded read = decode(start, [=] { return chunk; });
+        const decoded read = decode(start, chunk);
         ASSERT_TRUE(read.error.starts_with("Input ends early") ||
                     read.error.starts_with("QUBIX file ends prematurely") ||
                     read.error.starts_with("Not enough in first block for header"))

@@ -113,8 +113,7 @@ std::size_t take(Source& from, trace& to, std::size_t batch, std::size_t most) {
 
 // Decodes in chunks of next_size() bytes, each in an allocation of its own that is as long as it.
 template <class NextSize>
-decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14,
-               std::size_t batch = 1) {
+decoded decode(const bytes& file, NextSize next_size, std::size_t most, std::size_t batch) {
   decoded result;
   VQuncomp decoder;
   bytes chunk;
@@ -134,8 +133,10 @@ decoded decode(const bytes& file, NextSize next_size, std::size_t most = 1 << 14
   }
   return result;
 }
-inline decoded decode(const bytes& file) {
-  return decode(file, [] { return 1024; });
+inline decoded decode(const bytes& file, int chunk = 1024, std::size_t most = 1 << 14,
+                      std::size_t batch = 1) {
+  return decode(
+      file, [=] { return chunk; }, most, batch);
 }
 
 // A file with a descriptor, at its start.

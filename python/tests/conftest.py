@@ -33,51 +33,41 @@ def rows(transactions):
     return [(a, g, c, vqpack.NAMES[t]) for a, g, c, t in transactions.tolist()]
 
 
-@pytest.fixture(scope="session")
-def text_of():
+def text_of(version, length=3000):
     """Text for a file type: every type name, runs, jumps, the highest values."""
+    choose = random.Random(version)
+    highest_agent = 255 if version < 4 else 65535
+    lines, address = [], 0x1000
+    for index in range(length):
+        address += choose.choice([8, 64, 64, 64, -128, 8 * choose.randrange(1 << 30)])
+        agent = choose.choice([0, 0, 3, highest_agent])
+        name = vqpack.NAMES[index % 68] if index % 5 == 0 else "MEMRD64B"
+        count = f" {choose.choice([0, 1, 2, 300, 2**32 - 1])}" if version in (3, 5) else ""
+        odd = 5 if name.startswith("DEFR") else 0
+        lines.append(f"{name} {address % 2**64 + odd:X} {agent:x}{count}\n")
+    return "".join(lines) + f"MEMRD64B {2**64 - 8:X} 0\nIORD 0 0\n"
 
-    def make(version, length=3000):
-        choose = random.Random(version)
-        highest_agent = 255 if version < 4 else 65535
-        lines, address = [], 0x1000
-        for index in range(length):
-            address += choose.choice([8, 64, 64, 64, -128, 8 * choose.randrange(1 << 30)])
-            agent = choose.choice([0, 0, 3, highest_agent])
-            name = vqpack.NAMES[index % 68] if index % 5 == 0 else "MEMRD64B"
-            count = f" {choose.choice([0, 1, 2, 300, 2**32 - 1])}" if version in (3, 5) else ""
-            odd = 5 if name.startswith("DEFR") else 0
-            lines.append(f"{name} {address % 2**64 + odd:X} {agent:x}{count}\n")
-        return "".join(lines) + f"MEMRD64B {2**64 - 8:X} 0\nIORD 0 0\n"
 
-    return make
+def arrays(version):
+    """The highest values that a file type holds, one transaction of every type."""
+    transactions = np.zeros(68, vqpack.TRANSACTION)
+    # In 64 KiB, as 47 and 48 have no other bits.
+    transactions["address"] = np.arange(68, dtype="u8") * 0x10000
+    transactions["address"][-1] = 2**64 - 8
+    transactions["agent"] = 255 if version < 4 else 65535
+    transactions["count"] = 2**32 - 1 if version in (3, 5) else 1
+    transactions["type"] = np.arange(68)
+    return transactions
 
 
 @pytest.fixture
-def trace(tmp_path, text_of):
+def trace(tmp_path):
     """Returns the path of a trace of a file type, made by the program."""
 
-    def make(version, *options, name="trace.qu", length=3000):
-        text, path = tmp_path / "trace.velk", tmp_path / name
+    def make(version, *options, length=3000):
+        text, path = tmp_path / "trace.velk", tmp_path / "trace.qu"
         text.write_text(text_of(version, length))
         program("-v", version, *options, text, path)
         return path
-
-    return make
-
-
-@pytest.fixture(scope="session")
-def arrays():
-    """Arrays of the highest values that a file type holds, one transaction of every type."""
-
-    def make(version):
-        transactions = np.zeros(68, vqpack.TRANSACTION)
-        # In 64 KiB, as 47 and 48 have no other bits.
-        transactions["address"] = np.arange(68, dtype="u8") * 0x10000
-        transactions["address"][-1] = 2**64 - 8
-        transactions["agent"] = 255 if version < 4 else 65535
-        transactions["count"] = 2**32 - 1 if version in (3, 5) else 1
-        transactions["type"] = np.arange(68)
-        return transactions
 
     return make

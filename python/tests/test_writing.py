@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 
 import vqpack
-from conftest import FILE_TYPES, PROGRAM, program, rows
+from conftest import FILE_TYPES, PROGRAM, arrays, program, rows, text_of
 
 pandas = pytest.importorskip("pandas")
 
@@ -50,7 +50,7 @@ FORMS = {
 
 
 @pytest.mark.parametrize("version", FILE_TYPES)
-def test_files_are_those_of_the_program(tmp_path, text_of, version):
+def test_files_are_those_of_the_program(tmp_path, version):
     text = text_of(version, 20_000)
     (tmp_path / "trace.velk").write_text(text)
     program("-v", version, "-d", 4096, "-C", 100, tmp_path / "trace.velk", tmp_path / "program.qu")
@@ -60,9 +60,11 @@ def test_files_are_those_of_the_program(tmp_path, text_of, version):
     # Of text, the program takes the number of lines for cycles.
     cycles = len(transactions) if version > 1 else 0
     options = {"version": version, "window": 4096, "max_contexts": 100, "cycles": cycles}
+    given = transactions.copy()
     for about, form in FORMS.items():
         vqpack.write(tmp_path / "module.qu", form(transactions), **options)
         assert (tmp_path / "module.qu").read_bytes() == expected, about
+    assert (transactions == given).all()
     with vqpack.Writer(str(tmp_path / "parts.qu"), **options) as writer:
         writer.write(transactions[:1])
         writer.write(**columns(transactions[1:10_001]))
@@ -92,7 +94,7 @@ def test_defaults_stand_for_whole_columns(tmp_path):
         ]
 
 
-def test_metadata(tmp_path, arrays):
+def test_metadata(tmp_path):
     description = {
         "instructions": 2**40,
         "cycles": 2**41,
@@ -168,7 +170,7 @@ BAD_OPTIONS = [
 ]
 
 
-def test_refused_before_anything_is_written(tmp_path, arrays):
+def test_refused_before_anything_is_written(tmp_path):
     """Neither a new file is there nor an old one touched."""
     path = tmp_path / "old.qu"
     path.write_text("old")
@@ -188,7 +190,7 @@ def test_refused_before_anything_is_written(tmp_path, arrays):
             vqpack.write(target, arrays(1))
 
 
-def test_fails_without_a_trace(tmp_path, arrays):
+def test_fails_without_a_trace(tmp_path):
     path = tmp_path / "new.qu"
     with pytest.raises(ZeroDivisionError), vqpack.Writer(path) as writer:
         writer.write(arrays(1))
@@ -207,7 +209,7 @@ def test_fails_without_a_trace(tmp_path, arrays):
         vqpack.write("/dev/full", np.tile(arrays(0), 10_000), version=0)
 
 
-def test_file_that_is_open_for_reading(tmp_path, arrays):
+def test_file_that_is_open_for_reading(tmp_path):
     path, link = tmp_path / "trace.qu.gz", tmp_path / "link.qu"
     vqpack.write(path, arrays(1))
     link.symlink_to(path)
@@ -221,7 +223,7 @@ def test_file_that_is_open_for_reading(tmp_path, arrays):
     vqpack.write(path, arrays(1))
 
 
-def test_forked_process_leaves_files_alone(tmp_path, arrays):
+def test_forked_process_leaves_files_alone(tmp_path):
     """Neither a writer's file nor the gzip that feeds a reader is the child's."""
     vqpack.write(tmp_path / "old.qu.gz", np.tile(arrays(0), 20_000), version=0)
     with vqpack.open(tmp_path / "old.qu.gz") as trace, vqpack.Writer(tmp_path / "new.qu") as writer:
