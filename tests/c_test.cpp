@@ -203,6 +203,8 @@ TEST_F(c_interface, what_cannot_be_written_is_an_error) {
     return vqpack_writer_error(writer.get())->code;
   };
   EXPECT_EQ(failure(create("/dev/full")), VQPACK_CANNOT_WRITE);
+  fs::create_symlink("/dev/full", path("full.gz"));
+  EXPECT_EQ(finish(create(path("full.gz"))), -1);  // gzip alone notices
   EXPECT_EQ(failure(create(path("no/where"))), VQPACK_CANNOT_OPEN);
   EXPECT_EQ(failure(create(path(""))), VQPACK_CANNOT_OPEN);
   EXPECT_EQ(failure(create(path("x"), metadata_for(6))), VQPACK_MISUSE);
@@ -212,7 +214,7 @@ TEST_F(c_interface, what_cannot_be_written_is_an_error) {
   EXPECT_EQ(failure(writer_ptr(vqpack_create(nullptr, nullptr, 0))), VQPACK_MISUSE);
   EXPECT_EQ(failure(writer_ptr(vqpack_create_descriptor(ends[1], &good, VQPACK_WINDOW))),
             VQPACK_CANNOT_WRITE);
-  EXPECT_EQ(files(), 0u);
+  EXPECT_EQ(files(), 1u);
   close(ends[1]);
 }
 
