@@ -51,7 +51,8 @@ check_symbols() {
   install_to "$prefix"
   find "$prefix" -type f -printf '%P\n' | sed 's,^lib[^/]*/\([a-z0-9_-]*-linux-gnu[^/]*/\)\?,lib/,' |
     sed 's,-\(release\|debug\)\.cmake,-CONFIG.cmake,; s,\.so\.[0-9.]*$,.so.VERSION,' | LC_ALL=C sort >found
-  ls "$SOURCE"/examples/*.{c,cpp,py} "$SOURCE"/doc/*.{md,png} 2>/dev/null | sed "s,^$SOURCE,share/doc/vqpack," >more
+  (cd "$SOURCE" && ls {CHANGELOG,README,SECURITY}.md LICENSE bench/*.svg doc/*.{md,png} \
+    examples/{CMakeLists.txt,*.c,*.cpp,*.py}) | sed 's,^,share/doc/vqpack/,' >more
   LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
 include/vqpack/vqcomp.h
@@ -65,12 +66,6 @@ lib/libvqpack.so.VERSION
 lib/pkgconfig/libvqpack.pc
 lib/pkgconfig/vqpack.pc
 share/bash-completion/completions/vqpack
-share/doc/vqpack/CHANGELOG.md
-share/doc/vqpack/LICENSE
-share/doc/vqpack/README.md
-share/doc/vqpack/SECURITY.md
-share/doc/vqpack/bench/comparison.svg
-share/doc/vqpack/examples/CMakeLists.txt
 share/fish/vendor_completions.d/vqpack.fish
 share/man/man1/vqpack.1
 share/man/man5/qubix.5
