@@ -43,8 +43,8 @@ License: Expat
 endforeach()
 
 set(share ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/vqpack/usr/share)
-file(MAKE_DIRECTORY ${share}/zsh/vendor-completions)
-file(RENAME ${share}/zsh/site-functions/_vqpack ${share}/zsh/vendor-completions/_vqpack)
+file(GLOB completions ${share}/zsh/site-functions/*)
+file(COPY ${completions} DESTINATION ${share}/zsh/vendor-completions)
 file(REMOVE_RECURSE ${share}/zsh/site-functions)
 
 # The examples belong to those who have the headers.

@@ -39,15 +39,17 @@ if(EXISTS ${PROJECT_SOURCE_DIR}/doc)
   install(DIRECTORY doc/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/doc FILES_MATCHING PATTERN *.md PATTERN *.png)
 endif()
 
-if(VQPACK_BUILD_PROGRAM)
-  install(TARGETS vqpack)
-  install(FILES man/vqpack.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  install(FILES completions/vqpack.bash RENAME vqpack
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-  install(FILES completions/_vqpack DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
-  install(FILES completions/vqpack.fish
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
-endif()
+foreach(program vqpack vqtrace)
+  if(TARGET ${program})
+    install(TARGETS ${program})
+    install(FILES man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES completions/${program}.bash RENAME ${program}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    install(FILES completions/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+    install(FILES completions/${program}.fish
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  endif()
+endforeach()
 
 if(NOT PROJECT_IS_TOP_LEVEL)
   return()  # packages are the business of the project that takes this one in
@@ -103,7 +105,8 @@ function(package name section summary text)
 endfunction()
 
 package(vqpack utils "converter for memory-bus traces"
-        "This package holds the program and the manual pages of both formats."
+        "This package holds the program, vqtrace, which cuts, joins and examines
+traces and exchanges them with other tools, and the manual pages."
         RECOMMENDS bzip2)
 package(libvqpack0 libs "memory-bus traces from C and other languages"
         "This package holds the shared library for programs in any language."
