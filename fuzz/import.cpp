@@ -42,7 +42,7 @@ bytes write_all(const foreign_format& format, const std::vector<memory_access>& 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const foreign_format& format = find_format(FORMAT);
   const bytes input(data, data + size);
-  const std::vector<memory_access> all = read_all(format, open_bytes(input).get(), true);
+  const std::vector<memory_access> all = read_all(format, file_of(input).get(), true);
   std::uint64_t time = 0;
   for (const memory_access& one : all) {
     require(one.size >= 1 && one.size <= 1 << 16, "the size is plausible");
@@ -50,7 +50,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     require(one.time >= time, "time does not go back");
     time = one.time;
   }
-  const std::vector<memory_access> sound = read_all(format, open_bytes(input).get(), false);
+  const std::vector<memory_access> sound = read_all(format, file_of(input).get(), false);
   const auto same = [](const memory_access& a, const memory_access& b) {
     return a.address == b.address && a.kind == b.kind;
   };
@@ -59,7 +59,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
 
   if (!format.writer || all.empty()) return 0;
   const bytes written = write_all(format, all);
-  const std::vector<memory_access> again = read_all(format, open_bytes(written).get(), false);
+  const std::vector<memory_access> again = read_all(format, file_of(written).get(), false);
   require(std::ranges::equal(all, again,
                              [](const memory_access& a, const memory_access& b) {
                                const bool same_way =

@@ -55,6 +55,7 @@ check_symbols() {
     examples/{CMakeLists.txt,*.c,*.cpp,*.py}) | sed 's,^,share/doc/vqpack/,' >more
   LC_ALL=C sort - more <<'END' | diff found -
 bin/vqpack
+bin/vqtrace
 include/vqpack/vqcomp.h
 include/vqpack/vqpack.h
 include/vqpack/vqtypes.h
@@ -66,11 +67,15 @@ lib/libvqpack.so.VERSION
 lib/pkgconfig/libvqpack.pc
 lib/pkgconfig/vqpack.pc
 share/bash-completion/completions/vqpack
+share/bash-completion/completions/vqtrace
 share/fish/vendor_completions.d/vqpack.fish
+share/fish/vendor_completions.d/vqtrace.fish
 share/man/man1/vqpack.1
+share/man/man1/vqtrace.1
 share/man/man5/qubix.5
 share/man/man5/velk.5
 share/zsh/site-functions/_vqpack
+share/zsh/site-functions/_vqtrace
 END
   # It opens files of any size, also where offsets have 32 bits unless asked for.
   nm -D "$prefix/bin/vqpack" >needed

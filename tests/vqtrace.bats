@@ -46,6 +46,8 @@ ROWS
   printf '%s\n' '0x100 READ 2' '0x140 READ 6' >b
   vqtrace import dramsim a b out.qu
   [ "$(text_of out.qu | cut -d ' ' -f 2- | paste -sd ';')" = "00000000 0 1;00000100 1 1;00000040 0 3;00000080 0 1;00000140 1 0" ]
+  vqtrace import dramsim b a out.qu
+  [ "$(text_of out.qu | cut -d ' ' -f 2- | paste -sd ';')" = "00000000 1 1;00000100 0 1;00000040 1 3;00000140 0 1;00000080 1 0" ]
 }
 
 @test "import: a line that fits no rule ends it, or is left out" {
@@ -55,7 +57,7 @@ ROWS
     [ "$output" = "in: line 3 fits no rule of $format" ] || { echo "$format $bad: $output"; false; }
     vqtrace test -q out.qu
     run -0 vqtrace import "$format" --skip-bad in out.qu
-    [ "${lines[-1]}" = "in: 1 lines were left out" ]
+    [ "${lines[-1]}" = "in: lines left out: 1" ]
   done <<'ROWS'
 lackey|I  40,4| L 40
 lackey|I  40,4| L 40,4 5
@@ -82,7 +84,7 @@ gem5|r,64,64,5|r,64,64,5,6,7
 ROWS
   { printf '0x40 READ 5\n'; head -c 100000 /dev/zero | tr '\0' 1; printf '\n0x80 READ 6\n'; } >in
   run -0 vqtrace import dramsim --skip-bad in out.qu
-  [ "$output" = "in: 1 lines were left out" ]
+  [ "$output" = "in: lines left out: 1" ]
   [ "$(text_of out.qu | wc -l)" = 2 ]
   head -c 100 /dev/zero >in
   ends -1 "in: record 2 fits no rule of champsim" "$VQTRACE" import champsim in out.qu
@@ -106,8 +108,8 @@ ROWS
   printf '%s\n' 'CDRD64B 40 0 3' 'INTA 0 0 4' 'LNWR32B 80 1 5' 'MEMWR 10 0 0' >in
   vqtrace export lackey in out 2>messages
   printf '%s\n' 'I  00000040,64' ' S 00000080,32' ' S 00000010,8' | cmp - out
-  [ "$(cat messages)" = "1 transactions that lackey has no place for were left out" ]
-  ends -0 "2 transactions that ramulator-cpu has no place for were left out" \
+  [ "$(cat messages)" = "Transactions left out, for which lackey has no place: 1" ]
+  ends -0 "Transactions left out, for which ramulator-cpu has no place: 2" \
     "$VQTRACE" export ramulator-cpu in out
   printf '2 64 128\n' | cmp - out
   printf '%s\n' 'CDRD64B 00000040 0 1' 'MEMRD64B 00000080 0 1' 'MEMWR64B 000000C0 0 1' >in
@@ -141,7 +143,7 @@ ROWS
     [ "$(json $file '"%08X %X" % (info["lowest_address"], info["highest_address"])')" = \
       "$(awk '{ printf "%17s\n", $2 }' "$trace" | sort | awk '{ $1 = $1 } NR == 1 { low = $1 } END { print low, $1 }')" ]
   done
-  printf 'MEMRD64B %s 0\n' 0 40 50 80 80 100 >lines
+  printf 'MEMRD64B %s FFFFFFFF\n' 0 40 50 80 80 100 >lines
   [ "$(json lines 'info["sequential"], info["lines"]')" = "2 4" ]
   [ "$(vqtrace info --line 256 --json lines | grep -o '"lines":[0-9]*')" = '"lines":2' ]
   echo 1 2 3 4 5 6 7 >points

@@ -75,8 +75,8 @@ int run_export(const export_settings& settings) {
   out.finish();
   file.commit();
   if (!settings.quiet && out.left_out() > 0)
-    std::cerr << out.left_out() << " transactions that " << settings.format
-              << " has no place for were left out\n";
+    std::cerr << "Transactions left out, for which " << settings.format
+              << " has no place: " << out.left_out() << '\n';
   return is_whole ? success : closed_failure;
 }
 

@@ -112,27 +112,18 @@ struct source {
   bus_agent agent;
 };
 
-// Takes all accesses, in the order of their times. Throws what foreign_input::next() does.
-void take_all(std::vector<std::unique_ptr<source>>& sources, import_output& out) {
-  for (;;) {
-    source* earliest = nullptr;
-    std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();  // another's next time
-    for (const auto& one : sources) {
-      const memory_access* const next = one->input.next();
-      if (!next) continue;
-      if (!earliest || next->time < earliest->input.next()->time) {
-        if (earliest) limit = std::min(limit, earliest->input.next()->time);
-        earliest = one.get();
-      } else {
-        limit = std::min(limit, next->time);
-      }
-    }
-    if (!earliest) return;
-    do {
-      earliest->agent.take(*earliest->input.next(), out);
-      earliest->input.pop();
-    } while (earliest->input.next() && earliest->input.next()->time <= limit);
+// The source whose next access is the earliest, the first of several; null where all have ended.
+// Throws what foreign_input::next() does.
+source* earliest(const std::vector<std::unique_ptr<source>>& sources) {
+  source* found = nullptr;
+  std::uint64_t time = 0;
+  for (const auto& one : sources) {
+    const memory_access* const next = one->input.next();
+    if (!next || (found && next->time >= time)) continue;
+    found = one.get();
+    time = next->time;
   }
+  return found;
 }
 
 // The caches between the accesses and the bus, as the user writes them.
@@ -159,10 +150,10 @@ void report(const std::vector<std::unique_ptr<source>>& sources, const import_ou
       std::cerr << one->input.name() << '\n';
     std::cerr << one->agent.statistics();
     if (one->input.skipped() > 0)
-      std::cerr << one->input.name() << ": " << one->input.skipped() << " lines were left out\n";
+      std::cerr << one->input.name() << ": lines left out: " << one->input.skipped() << '\n';
   }
   if (out.long_gaps() > 0)
-    std::cerr << "More time than a count holds passed " << out.long_gaps() << " times\n";
+    std::cerr << "Times longer than a count holds: " << out.long_gaps() << '\n';
 }
 
 }  // namespace
@@ -189,7 +180,10 @@ int run_import(const import_settings& settings) {
   import_output out(trace, settings);
   int status = success;
   try {
-    take_all(sources, out);
+    while (source* const next = earliest(sources)) {
+      next->agent.take(*next->input.next(), out);
+      next->input.pop();
+    }
   } catch (const foreign_input::fault& fault) {
     std::cerr << fault.message << '\n';
     status = closed_failure;

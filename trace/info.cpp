@@ -29,8 +29,12 @@ class trace_totals {
     if (transactions == 0 || address > highest) highest = address;
     ++transactions;
     ++types[t.trans];
-    if (std::size_t(t.agent) >= agents.size()) agents.resize(std::size_t(t.agent) + 1);
-    ++agents[std::size_t(t.agent)];
+    const auto agent = unsigned(t.agent);
+    if (!agent_count_ || agent != agent_) {
+      agent_ = agent;
+      agent_count_ = &agents[agent];
+    }
+    ++*agent_count_;
     sequential += line == previous_line_ + 1;
     previous_line_ = line;
     lines.add(line);
@@ -48,11 +52,13 @@ class trace_totals {
   std::uint64_t sequential = 0;           // at the line after that of the transaction before
   std::uint64_t lowest = 0, highest = 0;  // byte addresses
   std::uint64_t types[256] = {};          // by code
-  std::vector<std::uint64_t> agents;      // by number
+  std::map<unsigned, std::uint64_t> agents;
   distinct_lines lines;
 
  private:
   unsigned line_;
+  unsigned agent_ = 0;  // of the latest transaction
+  std::uint64_t* agent_count_ = nullptr;
   std::uint64_t previous_line_ =
       ~std::uint64_t{0} - 1;  // that of no transaction, nor the one after
 };
@@ -145,19 +151,15 @@ void print_totals(table& to, const trace_info& info) {
   to.count("writes", totals.of(velk_access::write), all);
   for (int code = 0; code < info.header.trans_name_count; ++code)
     if (totals.types[code] > 0) to.count(info.header.trans_names[code], totals.types[code], all);
-  std::size_t shown = 0, left_out = 0;
-  for (std::size_t agent = 0; agent < totals.agents.size(); ++agent) {
-    if (totals.agents[agent] == 0) continue;
-    if (shown == most_agents) {
-      ++left_out;
-      continue;
-    }
-    ++shown;
+  std::size_t shown = 0;
+  for (const auto& [agent, times] : totals.agents) {
+    if (shown++ == most_agents) break;
     std::ostringstream label;
     label << "agent " << std::hex << agent;
-    to.count(label.str(), totals.agents[agent], all);
+    to.count(label.str(), times, all);
   }
-  if (left_out > 0) to.row("other agents", std::to_string(left_out));
+  if (totals.agents.size() > most_agents)
+    to.row("other agents", std::to_string(totals.agents.size() - most_agents));
 }
 
 void print_table(const trace_info& info) {
@@ -218,8 +220,7 @@ json object(const trace_info& info) {
   for (int code = 0; code < header.trans_name_count; ++code)
     if (totals.types[code] > 0) to["types"][header.trans_names[code]] = totals.types[code];
   to["agents"] = json::object();
-  for (std::size_t agent = 0; agent < totals.agents.size(); ++agent)
-    if (totals.agents[agent] > 0) to["agents"][std::to_string(agent)] = totals.agents[agent];
+  for (const auto& [agent, times] : totals.agents) to["agents"][std::to_string(agent)] = times;
   return to;
 }
 
@@ -238,6 +239,7 @@ bool print_info(const std::string& name, const info_settings& settings) {
   } else {
     print_table(info);
   }
+  std::cout.flush();  // so that the objects of several programs do not mix
   return is_whole;
 }
 
@@ -253,7 +255,6 @@ int run_info(const info_settings& settings) {
       status = closed_failure;
     }
   }
-  std::cout << std::flush;
   return status;
 }
 
