@@ -26,14 +26,14 @@ sys.stdout.buffer.write(struct.pack("<Q8s6Q", v[0], b"branches", *v[1:]))' "$@"
   done <<'ROWS'
 lackey --cache none|==1== x;I  04001000,3; L 1ffeffe7fc,8; S 1FFEFFE7E8,8; M 0,4;\r;|CDRD64B 04001000 0 1;MEMRD64B 1FFEFFE7C0 0 1;MEMRD64B 1FFEFFE800 0 0;MEMWR64B 1FFEFFE7C0 0 1;MEMRD64B 00000000 0 1;MEMWR64B 00000000 0 0
 lackey --cache 128:1|I  40,3;I  43,3; L 40,8; M 0,4; S 80,4; L 100,8; L 80,8|CDRD64B 00000040 0 1;MEMRD64B 00000040 0 2;RDINV64B 00000000 0 1;RDINV64B 00000080 0 1;LNWR64B 00000000 0 0;MEMRD64B 00000100 0 1;LNWR64B 00000080 0 0;MEMRD64B 00000080 0 1
-drmemtrace --cache none|Output format:;<--record#->;-----; 1  0: 32 <marker: version 5>; 2 1: 32 ifetch 3 byte(s) @ 0x0000000000401000 48 89 e7  mov %rsp, %rdi; 3 1: 32 write  8 byte(s) @ 0x00007ffd8e5a2a88 by PC 0x1; 4: T32 read 8 byte(s) @ 0x80; 5 1: 32 prefetch 64 byte(s) @ 0x40; 6 1: 32 <thread 32 exited>;View tool results:; 1 : total instructions|CDRD64B 00401000 0 1;MEMWR64B 7FFD8E5A2A80 0 1;MEMRD64B 00000080 0 1
-dramsim|0x12345680 READ 30;# x;0x7f WRITE 35;0xFFFFFFFFFFFFFFC1 P_MEM_RD 35|MEMRD64B 12345680 0 30;MEMWR64B 00000040 0 5;MEMRD64B FFFFFFFFFFFFFFC0 0 0
+drmemtrace --cache none|Output format:;<--record#->;-----; 1  0: 32 <marker: version 5>; 2 1: 32 ifetch 3 byte(s) @ 0x0000000000401000 48 89 e7  mov %rsp, %rdi; 2 1: 32               00 0f; 3 1: W0.T32 write  8 byte(s) @ 0x00007ffd8e5a2a88 by PC 0x1; 4: T32 read 8 byte(s) @ 0x80; 5 1: 32 prefetch 64 byte(s) @ 0x40; 6 1: 32 <thread 32 exited>;View tool results:; 1 : total instructions|CDRD64B 00401000 0 1;MEMWR64B 7FFD8E5A2A80 0 1;MEMRD64B 00000080 0 1
+dramsim|0x12345680 READ 30; # x;7f WRITE 35;0xFFFFFFFFFFFFFFC1 P_MEM_RD 35|MEMRD64B 12345680 0 30;MEMWR64B 00000040 0 5;MEMRD64B FFFFFFFFFFFFFFC0 0 0
 dramsim --line 32 -v 1|0x12345670 READ 30|MEMRD32B 12345660 0
-ramulator|LD 0x80;ST 0xC1;|MEMRD64B 00000080 0 1;MEMWR64B 000000C0 0 1
-ramulator-rw|0x80 R;0xC1 W|MEMRD64B 00000080 0 1;MEMWR64B 000000C0 0 1
+ramulator|LD 0x80;ST 193;|MEMRD64B 00000080 0 1;MEMWR64B 000000C0 0 1
+ramulator-rw|0x80 R;C1 W|MEMRD64B 00000080 0 1;MEMWR64B 000000C0 0 1
 ramulator|3 128;0 0x100 192|MEMRD64B 00000080 0 4;MEMRD64B 00000100 0 1;MEMWR64B 000000C0 0 0
 stl|# x;31: read 0x400140;40: write 0x400180 0xdeadbeef;40: (128) read 0x0|MEMRD64B 00400140 0 31;MEMWR64B 00400180 0 9;MEMRD64B 00000000 0 0;MEMRD64B 00000040 0 0
-gem5 --period 500|r,128,64,4000;w,100,64,4999;r,0,4,257,5000|MEMRD64B 00000080 0 8;MEMWR64B 00000040 0 1;MEMWR64B 00000080 0 0;MEMRD64B 00000000 0 1
+gem5 --period 500|r,128,64,4000;7,w,100,64,4999;u,0,4,4999;r,0,4,257,5000,12345|MEMRD64B 00000080 0 8;MEMWR64B 00000040 0 1;MEMWR64B 00000080 0 0;MEMRD64B 00000000 0 1
 gem5|r,0,4,9000000000|MEMRD64B 00000000 0 4294967295
 ROWS
   { champsim_record 0x401000 0x7fff40 0 0x80 0 0 0; champsim_record 0x401004 0 0 0 0 0 0x1040; } >in
@@ -68,24 +68,30 @@ lackey|I  40,4| X 40,4
 lackey|I  40,4|Killed
 drmemtrace|1 1: 5 read 8 byte(s) @ 0x40|1 1: 5 read 8 byte(s) @ 40
 drmemtrace|1 1: 5 read 8 byte(s) @ 0x40|Segmentation fault
-dramsim|0x40 READ 5|0x40 READ 4
 dramsim|0x40 READ 5|0x40 READS 5
-dramsim|0x40 READ 5|40 READ 5
+dramsim|0x40 READ 5|4G READ 5
 dramsim|0x40 READ 5|0x10000000000000000 READ 5
-ramulator|LD 0x40|LD 40
+ramulator|LD 0x40|LD 40W
 ramulator|LD 0x40|0x40 RW
 ramulator|LD 0x40|1 2 3 4
 ramulator|LD 0x40|18446744073709551615 2
 stl|5: read 0x40|5 read 0x40
 stl|5: read 0x40|5: read 0x40z
-gem5|r,64,64,5|u,64,64,5
+gem5|r,64,64,5|x,64,64,5
 gem5|r,64,64,5|r,64,64
-gem5|r,64,64,5|r,64,64,5,6,7
+gem5|r,64,64,5|r,64,64,5,6,7,8
 ROWS
   { printf '0x40 READ 5\n'; head -c 100000 /dev/zero | tr '\0' 1; printf '\n0x80 READ 6\n'; } >in
   run -0 vqtrace import dramsim --skip-bad in out.qu
   [ "$output" = "in: lines left out: 1" ]
   [ "$(text_of out.qu | wc -l)" = 2 ]
+  printf '0x40 READ 5\n%70000s\n' '0x80 READ 6' >in
+  ends -1 "in: line 2 fits no rule of dramsim" "$VQTRACE" import dramsim in out.qu
+  printf '0x40 READ 5\n0x80 READ 4\n' >in
+  ends -1 "in: line 2 is of an earlier time than the one before" "$VQTRACE" import dramsim in out.qu
+  yes '0x40 READ 5' | head -9999 | gzip | head -c 50 >in.gz
+  run -1 --separate-stderr vqtrace import dramsim in.gz out.qu
+  [ "${stderr_lines[-1]}" = "in.gz: Can't read input" ]
   head -c 100 /dev/zero >in
   ends -1 "in: record 2 fits no rule of champsim" "$VQTRACE" import champsim in out.qu
 }
@@ -171,7 +177,7 @@ ROWS
 }
 
 @test "split and cat: the parts are whole, and together what they were cut from" {
-  awk '{ print $0, 2 + NR % 7 }' "$trace" >counted
+  awk '{ print $0, NR % 7 }' "$trace" >counted
   for version in 0 1 2 3 4 5 text; do
     # Metadata: 1000 instructions for 5000 transactions
     [ $version = text ] && cp counted whole || "$VQPACK" -q -v $version -mi 1000 -mc 3 -t words counted whole
@@ -189,6 +195,8 @@ ROWS
   "$VQPACK" -q "$trace" one
   ends -255 "one: has another file type than whole; choose one with -v" "$VQTRACE" cat whole one joined
   vqtrace cat -v 3 whole one joined
+  "$VQPACK" -q -v 2 -mi 4000000000 "$trace" many
+  ends -255 "many: the totals become too large for the file type" "$VQTRACE" cat many many joined
   [ "$(vqtrace info --json joined | grep -o '"transactions":[0-9]*' | tail -1)" = '"transactions":10000' ]
   for pattern in part part%s %d%d %4d %099d; do
     run -255 vqtrace split -n 2 whole $pattern
@@ -212,12 +220,12 @@ ROWS
 --type LNWR64B,CDRD64B|$1 ~ /LNWR|CDRD/
 --type write --agent 1|$1 ~ /LNWR/ && $3 == 1
 --type read|$1 !~ /LNWR/
---address 4A8BB80-4A8CB80|length($2) == 8 && $2 >= "04A8BB80" && $2 <= "04A8CB80"
+--address 4A8BB80-0x4A8CB80|length($2) == 8 && $2 >= "04A8BB80" && $2 <= "04A8CB80"
 --address 1000000000-|length($2) > 8
 --from 100 --to 4000 --every 3|NR > 100 && NR <= 4000 && (NR - 101) % 3 == 0
 --from 9 --to 5|0
 ROWS
-  for arguments in "--type NOTHING" "--agent x" "--agent 1,g" "--address 5-4" "--address 5" "--every 0"; do
+  for arguments in "--type NOTHING" "--agent x" "--agent 1,g" "--address 5-4" "--address 5" "--every 0" "--from -1"; do
     run -255 vqtrace filter $arguments whole out
     [ ! -e out ]
   done
@@ -236,8 +244,8 @@ ROWS
   echo old >out
   echo "MEMRD64B 40 100" >wide
   for command in "filter wide -v 1 out" "filter whole /dev/full" "cat whole wide -v 3 out" "export stl whole /dev/full" \
-      "filter whole nowhere/out" "cat none out" "export stl whole whole" "cat whole wide -v 5 wide" "import stl nothing out"; do
-    run -255 vqtrace $command
+      "filter whole nowhere/out" "cat none out" "export stl whole whole" "cat whole wide -v 5 wide" "import stl nothing out" "import stl |false out" "cat - - out"; do
+    run -255 vqtrace $command <wide
     [ "$(cat out)" = old ] || { echo "$command"; false; }
   done
   [ "$(echo $(ls -A))" = "cut out whole wide" ]
@@ -245,7 +253,7 @@ ROWS
   mkfifo slow
   "$VQTRACE" filter slow out &
   exec 9>slow
-  head -100 "$trace" >&9
+  cat "$trace" >&9
   until ls -A | grep -q .new; do sleep 0.1; done
   kill $!
   wait $! || [ $? = 143 ]

@@ -22,9 +22,10 @@ constexpr std::uint32_t narrow_size(std::uint64_t size) {
   return std::uint32_t(size < most ? size : most);
 }
 
-// The 1-based number of a line or record that fits no rule of its format.
+// A line or record that fits no rule of its format, or whose time is before that of another.
 struct bad_record {
-  std::uint64_t number;
+  std::uint64_t number;  // 1-based
+  bool goes_back = false;
 };
 
 // Reads accesses from a stream, which is not owned.

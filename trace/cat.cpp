@@ -1,4 +1,6 @@
 // vqtrace cat: traces joined into one.
+#include <cstdint>
+#include <limits>
 #include <span>
 
 #include "fileio/program.h"
@@ -11,10 +13,11 @@ namespace vqtrace {
 
 namespace {
 
-// Adds the totals of a trace that is appended.
-void add_totals(PRUV_header_t& to, const PRUV_header_t& from) {
-  to.inst_count += from.inst_count;
-  to.cycle_count += from.cycle_count;
+// Adds to a total that of a trace that is appended. Returns whether a file of that type holds it.
+bool add_total(long long& total, long long more, int version) {
+  const bool is_narrow = version == 2 || version == 3;
+  const bool overflows = __builtin_add_overflow(total, more, &total);
+  return !overflows && !(is_narrow && total > std::numeric_limits<std::uint32_t>::max());
 }
 
 }  // namespace
@@ -27,7 +30,8 @@ int run_cat(const cat_settings& settings) {
   const bool watched = shows_progress(settings.quiet, out);
   input first(names.front(), watched);
   PRUV_header_t& header = first.header();
-  output joined(out, form_for(first, settings.version), header, counts_for(first));
+  const trace_form form = form_for(first, settings.version);
+  output joined(out, form, header, counts_for(first));
   const auto append = [&](input& trace) {
     return for_each_batch(trace, [&](std::span<VQtransaction> batch) { joined.put(batch); });
   };
@@ -38,7 +42,9 @@ int run_cat(const cat_settings& settings) {
     if (!settings.version && next.version() != first.version())
       throw command_error(name,
                           "has another file type than " + names.front() + "; choose one with -v");
-    add_totals(header, next.header());
+    if (!add_total(header.inst_count, next.header().inst_count, form.version) ||
+        !add_total(header.cycle_count, next.header().cycle_count, form.version))
+      throw command_error(name, "the totals become too large for the file type");
     is_whole = append(next);
   }
   joined.finish();

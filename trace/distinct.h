@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <vector>
 
 namespace vqtrace {
@@ -41,7 +42,7 @@ class distinct_lines {
   }
 
   group& find(std::uint64_t number) {
-    for (std::size_t place = hash(number);; ++place) {
+    for (std::size_t place = hash(number ^ seed_);; ++place) {
       group& found = groups_[place & (groups_.size() - 1)];
       if (found.lines == 0 || found.number == number) return found;
     }
@@ -89,8 +90,10 @@ class distinct_lines {
   }
 
   std::vector<group> groups_ = std::vector<group>(1 << 10);
-  std::size_t used_ = 0;                      // of the groups
-  std::uint64_t size_ = 0;                    // lines in them
+  std::size_t used_ = 0;    // of the groups
+  std::uint64_t size_ = 0;  // lines in them
+  // So that no trace can be made to fill neighbouring places.
+  std::uint64_t seed_ = std::random_device()();
   std::uint64_t latest_ = ~std::uint64_t{0};  // not the number of any
   std::vector<std::uint8_t> ranks_;           // empty: exact
 };

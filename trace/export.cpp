@@ -27,7 +27,10 @@ class export_output {
       return;
     }
     if (sizeof block_ - used_ < access_writer::longest) flush();
-    const memory_access one{static_cast<std::uint64_t>(t.addr), time_ * period_, size_of(t.trans),
+    std::uint64_t time = 0;
+    if (__builtin_mul_overflow(time_, period_, &time))
+      throw command_error("--period", "a time does not fit into 64 bits");
+    const memory_access one{static_cast<std::uint64_t>(t.addr), time, size_of(t.trans),
                             what == velk_access::write ? access_kind::store
                             : is_code_read(t.trans)    ? access_kind::fetch
                                                        : access_kind::load};

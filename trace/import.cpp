@@ -135,8 +135,8 @@ std::string caches_for(const import_settings& settings, const foreign_format& fo
 }
 
 // Sets what is known of a trace without looking at it.
-void describe(PRUV_header_t& header, const import_settings& settings, const std::string& caches) {
-  const std::vector<cache_level::shape> levels = parse_caches(caches, settings.line);
+void describe(PRUV_header_t& header, const import_settings& settings, const std::string& caches,
+              const std::vector<cache_level::shape>& levels) {
   if (!levels.empty()) header.cache_size_kib = unsigned(levels.back().size / 1024);
   header.line_size = settings.line;
   const std::string comment = "vqtrace import " + settings.format + " --cache " + caches;
@@ -161,20 +161,20 @@ void report(const std::vector<std::unique_ptr<source>>& sources, const import_ou
 int run_import(const import_settings& settings) {
   const foreign_format& format = find_format(settings.format);
   const std::string caches = caches_for(settings, format);
+  const std::vector<cache_level::shape> levels = parse_caches(caches, settings.line);
   const std::string& out_name = settings.files.back();
   const std::span names(settings.files.begin(), settings.files.end() - 1);
   std::vector<std::unique_ptr<source>> sources;
   for (const std::string& name : names) {
     refuse_same_file(name, out_name);
-    const bus_agent agent(int(sources.size()), settings, parse_caches(caches, settings.line));
     const bool watched = names.size() == 1 && shows_progress(settings.quiet, out_name);
-    sources.emplace_back(
-        new source{foreign_input(name, format, settings.skip_bad, watched), agent});
+    sources.emplace_back(new source{foreign_input(name, format, settings.skip_bad, watched),
+                                    bus_agent(int(sources.size()), settings, levels)});
   }
 
   PRUV_header_t header;
   header.use_default_trans_names();
-  describe(header, settings, caches);
+  describe(header, settings, caches, levels);
   output trace(out_name, {settings.version, settings.version != 0}, header,
                vqpack::detail::velk_counts::all);
   import_output out(trace, settings);

@@ -86,6 +86,13 @@ std::string grouped(std::uint64_t value) {
   return text;
 }
 
+// With a question mark for each control character, which could change what a terminal shows.
+std::string printable(std::string text) {
+  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == 0x7F; };
+  std::replace_if(text.begin(), text.end(), is_control, '?');
+  return text;
+}
+
 double share(std::uint64_t part, std::uint64_t all) {
   return all == 0 ? 0 : double(part) / double(all);
 }
@@ -121,7 +128,7 @@ void print_header(table& to, const trace_info& info) {
   to.row("threads", std::to_string(header.threads));
   to.row("cache", std::to_string(header.cache_size_kib) + " KiB, lines of " +
                       std::to_string(header.line_size) + " bytes");
-  if (header.comment) to.row("comment", header.comment);
+  if (header.comment) to.row("comment", printable(header.comment));
   for (int i = 0; i < header.sensitivity_count; ++i) {
     const sensitivity_point_t& p = header.sensitivity[i];
     std::ostringstream text;
@@ -150,7 +157,8 @@ void print_totals(table& to, const trace_info& info) {
   to.count("reads", totals.of(velk_access::read), all);
   to.count("writes", totals.of(velk_access::write), all);
   for (int code = 0; code < info.header.trans_name_count; ++code)
-    if (totals.types[code] > 0) to.count(info.header.trans_names[code], totals.types[code], all);
+    if (totals.types[code] > 0)
+      to.count(printable(info.header.trans_names[code]), totals.types[code], all);
   std::size_t shown = 0;
   for (const auto& [agent, times] : totals.agents) {
     if (shown++ == most_agents) break;
@@ -167,7 +175,7 @@ void print_table(const trace_info& info) {
   std::cout << info.name << '\n';
   print_header(to, info);
   print_totals(to, info);
-  if (!info.is_whole) to.row("fault", "the trace goes on, but cannot be read");
+  if (!info.is_whole) to.row("fault", "the numbers are those of what comes before it");
 }
 
 using json = nlohmann::ordered_json;
@@ -218,7 +226,10 @@ json object(const trace_info& info) {
   to["writes"] = totals.of(velk_access::write);
   to["types"] = json::object();
   for (int code = 0; code < header.trans_name_count; ++code)
-    if (totals.types[code] > 0) to["types"][header.trans_names[code]] = totals.types[code];
+    if (totals.types[code] > 0) {
+      json& of_name = to["types"][header.trans_names[code]];  // of several types, perhaps
+      of_name = totals.types[code] + (of_name.is_null() ? 0 : of_name.get<std::uint64_t>());
+    }
   to["agents"] = json::object();
   for (const auto& [agent, times] : totals.agents) to["agents"][std::to_string(agent)] = times;
   return to;

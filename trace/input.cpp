@@ -3,6 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
 #include "coder/errors.h"
 #include "trace/command_error.h"
 
@@ -16,6 +20,8 @@ constexpr std::size_t stream_buffer = 1 << 16;
 
 file_ptr open_file(const std::string& name) {
   const char* const file = name == "-" ? "stdin" : name.c_str();
+  static bool is_stdin_taken = false;
+  if (name == "-" && std::exchange(is_stdin_taken, true)) return nullptr;
   struct stat status;
   if (xfstat(file, "r", status) && S_ISDIR(status.st_mode)) return nullptr;
   return file_ptr(xfopen(file, "r"));
@@ -49,8 +55,26 @@ input::input(const std::string& name, bool watched) : stream_(name, watched) {
   }
 }
 
-std::size_t input::read(VQtransaction* transactions, std::size_t size) {
+bool input::has_counts() {
+  if (!is_text()) return version_ == 3 || version_ == 5;
   try {
+    ahead_end_ = reader_->read(ahead_, std::size(ahead_));
+  } catch (const VQcomp_error& error) {
+    ahead_error_ = error;
+  }
+  return std::any_of(ahead_, ahead_ + ahead_end_,
+                     [](const VQtransaction& t) { return t.count != 1; });
+}
+
+std::size_t input::read(VQtransaction* transactions, std::size_t size) {
+  if (ahead_at_ < ahead_end_) {
+    const std::size_t delivered = std::min(size, ahead_end_ - ahead_at_);
+    std::copy_n(ahead_ + ahead_at_, delivered, transactions);
+    ahead_at_ += delivered;
+    return delivered;
+  }
+  try {
+    if (ahead_error_) throw *ahead_error_;
     const std::size_t delivered = reader_->read(transactions, size);
     stream_.count(delivered);
     if (delivered == 0) {

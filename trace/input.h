@@ -63,6 +63,10 @@ class input {
   // what they write of it.
   PRUV_header_t& header() { return *header_; }
 
+  // Whether it stores counts; of text, whether the first lines, 256 of them, have others than 1.
+  // To be asked before the first read().
+  bool has_counts();
+
   // Reads up to `size` transactions; returns how many, 0 at the end only. Throws VQcomp_error.
   std::size_t read(VQtransaction* transactions, std::size_t size);
 
@@ -74,6 +78,10 @@ class input {
   std::optional<velk_reader> reader_;
   std::unique_ptr<PRUV_header_t> header_;
   int version_ = -1;
+  // What has_counts() has read ahead.
+  VQtransaction ahead_[256];
+  std::size_t ahead_at_ = 0, ahead_end_ = 0;
+  std::optional<VQcomp_error> ahead_error_;
 };
 
 // Calls use(transactions) with all of a trace in order, as std::span<VQtransaction>. Returns false

@@ -17,8 +17,10 @@ class line_source {
   explicit line_source(FILE* file) : file_(file), buffer_(new char[capacity]) {}
 
   // The next line, without its end; valid until the next call. Of a line with more than `capacity`
-  // bytes only the first are delivered. False at the end of the stream.
+  // bytes only the first are delivered. False at the end of the stream, and where a failed read
+  // cuts off a line.
   bool next(std::string_view& line) {
+    is_cut_ = false;
     const char* end = find_end();
     if (!end && !(end = fill())) return false;
     line = {begin_, std::size_t(end - begin_)};
@@ -28,8 +30,9 @@ class line_source {
     return true;
   }
 
-  // The 1-based number of the latest line.
+  // Of the latest line: its 1-based number, and whether it is longer than what was delivered.
   std::uint64_t number() const { return number_; }
+  bool is_cut() const { return is_cut_; }
 
   static constexpr std::size_t capacity = 1 << 16;
 
@@ -48,10 +51,11 @@ class line_source {
     filled_ = begin_ + left + got;
     if (const char* const end = find_end()) return end;
     if (left + got == capacity) skip_line();
-    return filled_ == begin_ ? nullptr : filled_;
+    return filled_ == begin_ || std::ferror(file_) ? nullptr : filled_;
   }
 
   void skip_line() {
+    is_cut_ = true;
     for (int byte = std::getc(file_); byte != '\n' && byte != EOF;) byte = std::getc(file_);
   }
 
@@ -60,6 +64,7 @@ class line_source {
   const char* begin_ = buffer_.get();  // of what has not been delivered
   const char* filled_ = begin_;
   std::uint64_t number_ = 0;
+  bool is_cut_ = false;
 };
 
 // Takes fields off the front of a line. Each call returns whether the field is there, and takes
@@ -95,6 +100,13 @@ class fields {
     const char* const from = at_;
     while (at_ != end_ && *at_ != ' ' && *at_ != '\t') ++at_;
     found = {from, std::size_t(at_ - from)};
+    return at_ != from;
+  }
+
+  // Decimal digits of any number, at least one.
+  bool digits() {
+    const char* const from = at_;
+    while (at_ != end_ && *at_ >= '0' && *at_ <= '9') ++at_;
     return at_ != from;
   }
 

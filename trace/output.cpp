@@ -28,7 +28,7 @@ void remove_unfinished(int signal) {
 }
 
 void handle_signals() {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+  for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
     if (std::signal(signal, remove_unfinished) == SIG_IGN) std::signal(signal, SIG_IGN);
 }
 
@@ -41,9 +41,8 @@ trace_form form_for(input& trace, std::optional<int> version) {
   return {form.version, form.coded || form.version == 1};
 }
 
-velk_counts counts_for(const input& trace) {
-  if (trace.is_text()) return velk_counts::other_than_1;
-  return trace.version() == 3 || trace.version() == 5 ? velk_counts::all : velk_counts::none;
+velk_counts counts_for(input& trace) {
+  return trace.has_counts() ? velk_counts::all : velk_counts::other_than_1;
 }
 
 void refuse_same_file(const std::string& in, const std::string& out) {

@@ -22,8 +22,9 @@ struct trace_form {
 // the coding of the trace if the type allows it.
 trace_form form_for(input& trace, std::optional<int> version);
 
-// Which counts text gets that is made of a trace: those that a QUBIX file stores, or that text has.
-vqpack::detail::velk_counts counts_for(const input& trace);
+// Which lines of text get counts that is made of a trace: all if that has counts, else those with
+// another than 1.
+vqpack::detail::velk_counts counts_for(input& trace);
 
 // Whether the input of a command shows how far it has been read: not while its output goes to
 // standard output, where it could come between.

@@ -28,7 +28,7 @@ class text_reader final : public access_reader {
     memory_access* at = accesses;
     const memory_access* const last = accesses + (size - most);
     while (at <= last && !is_bad_ && source_.next(line_)) {
-      if (fields(line_).end()) continue;
+      if (!source_.is_cut() && fields(line_).end()) continue;
       if (memory_access* const end = parse(at)) {
         at = end;
       } else if (skip_bad_) {
@@ -37,19 +37,22 @@ class text_reader final : public access_reader {
         is_bad_ = true;
       }
     }
-    if (at == accesses && is_bad_) throw bad_record{source_.number()};
+    if (at == accesses && is_bad_) throw bad_record{source_.number(), goes_back_};
     return std::size_t(at - accesses);
   }
 
   std::uint64_t skipped() const override { return skipped_; }
 
  private:
-  // As Format::parse(), but time does not go back either.
+  // As Format::parse(), but the accesses are also plausible, and time does not go back.
   memory_access* parse(memory_access* at) {
-    memory_access* const end = format_.parse(line_, at);
+    memory_access* const end = source_.is_cut() ? nullptr : format_.parse(line_, at);
+    if (!end) return nullptr;
     std::uint64_t time = time_;
     for (const memory_access* a = at; a != end; ++a) {
-      if (!end || !is_plausible(a->address, a->size) || a->time < time) return nullptr;
+      if (!is_plausible(a->address, a->size)) return nullptr;
+      goes_back_ = a->time < time;
+      if (goes_back_) return nullptr;
       time = a->time;
     }
     time_ = time;
@@ -62,6 +65,7 @@ class text_reader final : public access_reader {
   std::uint64_t time_ = 0;  // of the latest access
   bool skip_bad_;
   bool is_bad_ = false;
+  bool goes_back_ = false;
   std::uint64_t skipped_ = 0;
 };
 

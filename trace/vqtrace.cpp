@@ -26,6 +26,7 @@ constexpr char version_text[] =
 // A number of hexadecimal digits, all of the text. Throws what CLI reports to the user.
 std::uint64_t hexadecimal(const std::string& option, std::string_view text) {
   std::uint64_t value = 0;
+  if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
   const char* const end = text.data() + text.size();
   const std::from_chars_result read = std::from_chars(text.data(), end, value, 16);
   if (read.ec != std::errc() || read.ptr != end || text.empty())
@@ -68,17 +69,21 @@ class command_line {
 
   // Returns the exit status.
   int run(int argc, char** argv) {
-    try {
-      app_.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-      return app_.exit(error) == 0 ? success : failure;
-    }
-    const int status = chosen_();
+    const int status = run_chosen(argc, argv);
     if (!std::cout.flush()) throw command_error(vqpack::detail::cannot_write);
     return status;
   }
 
  private:
+  int run_chosen(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app_.exit(error) == 0 ? success : failure;
+    }
+    return chosen_();
+  }
+
   CLI::App* add(const char* name, const char* what, const std::function<int()>& work, bool& quiet) {
     CLI::App* const command = app_.add_subcommand(name, what);
     command->callback([this, work] { chosen_ = work; });
@@ -171,8 +176,12 @@ class command_line {
             "--address", [this](const std::string& text) { set_addresses(text, filter_); },
             "Those from byte address LO to HI, both included, in hexadecimal")
         ->type_name("LO-HI");
-    command->add_option("--from", filter_.begin, "Skip the first A of the input")->type_name("A");
-    command->add_option("--to", filter_.end, "Stop after the first B of the input")->type_name("B");
+    command->add_option("--from", filter_.begin, "Skip the first A of the input")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("A");
+    command->add_option("--to", filter_.end, "Stop after the first B of the input")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("B");
     command
         ->add_option("--every", filter_.every,
                      "Of those that are left, each K-th from the first on")

@@ -7,20 +7,22 @@
 
 namespace vqtrace {
 
-// DRAMsim: "0x12345680 READ 30", a byte address, what is done there, a cycle. Besides READ and
-// WRITE there are the names of older traces.
+// DRAMsim: "0x12345680 READ 30", a byte address, hexadecimal also without "0x", what is done there,
+// a cycle. Besides READ and WRITE there are the names of older traces. "#" begins a comment.
 struct dramsim {
   memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::string_view what;
-    if (rest.text("#")) return to;
     rest.blanks();
-    if (!rest.address(to->address) || !rest.blanks() || !rest.word(what) || !rest.blanks() ||
+    if (rest.text("#")) return to;
+    const bool has_address = rest.address(to->address) || rest.hexadecimal(to->address);
+    if (!has_address || !rest.blanks() || !rest.word(what) || !rest.blanks() ||
         !rest.decimal(to->time) || !rest.end())
       return nullptr;
-    if (what == "READ" || what == "read" || what == "P_MEM_RD") {
+    if (what == "READ" || what == "read" || what == "P_MEM_RD" || what == "P_LOCK_RD") {
       to->kind = access_kind::load;
-    } else if (what == "WRITE" || what == "write" || what == "P_MEM_WR" || what == "BOFF") {
+    } else if (what == "WRITE" || what == "write" || what == "P_MEM_WR" || what == "P_LOCK_WR" ||
+               what == "BOFF") {
       to->kind = access_kind::store;
     } else if (what == "IFETCH" || what == "P_FETCH") {
       to->kind = access_kind::fetch;

@@ -14,23 +14,33 @@ namespace vqtrace {
 struct drmemtrace {
   memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
-    std::uint64_t number = 0;
     rest.blanks();
-    if (!rest.decimal(number)) return is_frame(line) ? to : nullptr;
+    if (!rest.digits()) return is_frame(line) ? to : nullptr;
     rest.blanks();
-    if (rest.decimal(number)) rest.blanks();
+    if (rest.digits()) rest.blanks();
     if (!rest.text(":") || !rest.blanks()) return nullptr;
+    if (rest.text("W") && rest.digits()) rest.text(".");
     rest.text("T");
-    if (!rest.decimal(number)) return to;  // a total at the end
+    if (!rest.digits()) return to;  // a total at the end
     rest.text(":");
     if (!rest.blanks()) return nullptr;
-    return rest.rest().starts_with("<") ? to : parse_access(rest, to);
+    return rest.rest().starts_with("<") || are_bytes(rest) ? to : parse_access(rest, to);
   }
 
  private:
   static bool is_frame(std::string_view line) {
     return line.starts_with("Output format") || line.starts_with("<--") ||
            line.starts_with("---") || line.starts_with("View tool results");
+  }
+
+  // Whether there are only the bytes of an instruction that did not fit into the line before.
+  static bool are_bytes(fields rest) {
+    std::string_view byte;
+    while (rest.word(byte)) {
+      if (byte.size() != 2 || byte.find_first_not_of("0123456789abcdef") < 2) return false;
+      rest.blanks();
+    }
+    return true;
   }
 
   memory_access* parse_access(fields& rest, memory_access* to) {

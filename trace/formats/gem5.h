@@ -7,24 +7,29 @@
 
 namespace vqtrace {
 
-// "r,128,64,4000": a command, a byte address and a size in bytes, both decimal, a time in ticks. A
-// number of flags may stand before the time. Commands other than r and w fit no rule.
+// "r,128,64,4000": a command, a byte address and a size in bytes, both decimal, a time in ticks.
+// Before the command there may be the number of the packet, before the time flags, and, where there
+// are flags, the address of the instruction after it. Commands other than r and w, written as "u",
+// are passed over.
 struct gem5 {
   memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
     std::uint64_t size = 0;
-    if (rest.text("#")) return to;
+    rest.blanks();
+    if (rest.text("#") || rest.text("u,")) return to;
+    if (rest.digits() && !rest.text(",")) return nullptr;
     if (rest.text("r,")) {
       to->kind = access_kind::load;
     } else if (rest.text("w,")) {
       to->kind = access_kind::store;
     } else {
-      return nullptr;
+      return rest.text("u,") ? to : nullptr;
     }
     if (!rest.decimal(to->address) || !rest.text(",") || !rest.decimal(size) || !rest.text(",") ||
         !rest.decimal(to->time))
       return nullptr;
     if (rest.text(",") && !rest.decimal(to->time)) return nullptr;  // that was the flags
+    if (rest.text(",") && !rest.digits()) return nullptr;
     if (!rest.end()) return nullptr;
     to->size = narrow_size(size);
     return to + 1;

@@ -9,39 +9,37 @@ namespace vqtrace {
 
 // Three kinds of lines, without times; the time of an access is its number, or that of
 // instructions:
-//   "LD 0x12345680", "ST 0x12345680"    loads and stores
-//   "0x12345680 R", "0x12345680 W"      reads and writes
+//   "LD 0x12345680", "ST 305420928"     loads and stores; addresses decimal or 0x...
+//   "0x12345680 R", "12345680 W"        reads and writes; addresses hexadecimal
 //   "3 20734016", "3 20734016 20846400" instructions before a read, the address of the read, and
-//                                       of a line that is written back after it, decimal or 0x...
+//                                       of a line that is written back after it; decimal or 0x...
+// "#" begins a comment.
 struct ramulator {
   memory_access* parse(std::string_view line, memory_access* to) {
     fields rest(line);
+    rest.blanks();
     if (rest.text("#")) return to;
-    rest.blanks();
     to->size = 1;
-    if (rest.text("LD ")) {
-      to->kind = access_kind::load;
-    } else if (rest.text("ST ")) {
-      to->kind = access_kind::store;
-    } else if (rest.address(to->address)) {
-      return parse_request(rest, to);
-    } else {
-      return parse_instructions(rest, to);
+    to->kind = rest.text("ST") ? access_kind::store : access_kind::load;
+    if (to->kind == access_kind::store || rest.text("LD")) {
+      if (!rest.blanks() || !any_address(rest, to->address) || !rest.end()) return nullptr;
+      return at_next_time(to);
     }
-    rest.blanks();
-    if (!rest.address(to->address) || !rest.end()) return nullptr;
+    return parse_request(rest, to) ? at_next_time(to) : parse_instructions(rest, to);
+  }
+
+ private:
+  memory_access* at_next_time(memory_access* to) {
     to->time = ++time_;
     return to + 1;
   }
 
- private:
-  memory_access* parse_request(fields& rest, memory_access* to) {
+  static bool parse_request(fields rest, memory_access* to) {
     std::string_view what;
-    if (!rest.blanks() || !rest.word(what) || !rest.end()) return nullptr;
-    if (what != "R" && what != "W") return nullptr;
-    to->kind = what == "R" ? access_kind::load : access_kind::store;
-    to->time = ++time_;
-    return to + 1;
+    if (!rest.address(to->address) && !rest.hexadecimal(to->address)) return false;
+    if (!rest.blanks() || !rest.word(what) || !rest.end()) return false;
+    if (what == "W") to->kind = access_kind::store;
+    return what == "R" || what == "W";
   }
 
   memory_access* parse_instructions(fields& rest, memory_access* to) {
