@@ -274,3 +274,14 @@ ROWS
   [[ $output = *export* ]]
   [[ $(vqtrace --version) = "vqtrace "[0-9]* ]]
 }
+
+@test "the manual page and the completions know every option" {
+  for command in info test split cat filter import export; do
+    for option in $(vqtrace $command --help | grep -oE -- '--[a-z-]+' | cut -c 3-); do
+      grep -qE "Fl \\\\?-$option" "$SOURCE"/man/vqtrace.1
+      grep -q -- "--$option" "$SOURCE"/completions/vqtrace.bash
+      grep -q -- "--$option" "$SOURCE"/completions/_vqtrace
+      grep -q -- "-l $option" "$SOURCE"/completions/vqtrace.fish
+    done
+  done
+}
