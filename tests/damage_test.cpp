@@ -72,12 +72,19 @@ int free_changes(coding c) {
   return changes;
 }
 
+// The sanitizers take ten times as long, and see every byte with some of the changes.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int step = 8;
+#else
+constexpr int step = 1;
+#endif
+
 TEST(Damage, EveryChangeOfAByteIsNoticedOrHarmless) {
   for (sample& s : all_samples()) {
     int unnoticed = 0;
     for (unsigned char& byte : s.file) {
       const unsigned char good = byte;
-      for (int change = 1; change < 256; ++change) {
+      for (int change = 1; change < 256; change += step) {
         byte = static_cast<unsigned char>(good ^ change);
         const decoded read = decode_at_once(s.file);
         if (!read.error.empty()) continue;
@@ -87,7 +94,7 @@ TEST(Damage, EveryChangeOfAByteIsNoticedOrHarmless) {
       }
       byte = good;
     }
-    EXPECT_EQ(unnoticed, free_changes(s.c)) << s.name;
+    if (step == 1) EXPECT_EQ(unnoticed, free_changes(s.c)) << s.name;
   }
 }
 
