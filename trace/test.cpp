@@ -37,7 +37,7 @@ verdict test(const std::string& name, bool watched) {
 
 int run_test(const test_settings& settings) {
   // What a decompressor says, for example.
-  if (settings.quiet) static_cast<void>(std::freopen("/dev/null", "w", stderr));
+  if (settings.quiet) static_cast<void>(!std::freopen("/dev/null", "w", stderr));
   int status = success;
   for (const std::string& name : settings.files) {
     const verdict found = test(name, !settings.quiet);
