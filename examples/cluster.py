@@ -19,6 +19,7 @@ import pathlib
 import signal
 import sys
 
+import dask
 from distributed import Client, KilledWorker, LocalCluster, as_completed
 
 import vqpack
@@ -68,6 +69,8 @@ def count_all(client, paths):
 
 def start_workers(number):
     """Starts workers on this machine; Ctrl-C reaches this process alone."""
+    # By default they give freed memory back at once, which costs a quarter of their time here.
+    dask.config.set({"distributed.nanny.pre-spawn-environ": {}})
     handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
     try:
         return LocalCluster(n_workers=number, threads_per_worker=1, dashboard_address=None)

@@ -94,7 +94,9 @@ TEST(Damage, EveryChangeOfAByteIsNoticedOrHarmless) {
       }
       byte = good;
     }
-    if (step == 1) EXPECT_EQ(unnoticed, free_changes(s.c)) << s.name;
+    if (step == 1) {
+      EXPECT_EQ(unnoticed, free_changes(s.c)) << s.name;
+    }
   }
 }
 
