@@ -147,7 +147,7 @@ class command_line {
   void add_cat() {
     CLI::App* const command = add(
         "cat", "Join traces into one", [this] { return run_cat(cat_); }, cat_.quiet);
-    command->add_option("FILE", cat_.files, "Traces, and at last the output")
+    command->add_option("FILE", cat_.files, "Traces, then the output")
         ->required()
         ->expected(2, -1)
         ->type_name("IN... OUT");
@@ -206,7 +206,7 @@ class command_line {
     command->add_option("FORMAT", import_.format, "What is read")
         ->required()
         ->check(CLI::IsMember(names(false)));
-    command->add_option("FILE", import_.files, "Inputs, each an agent, and at last the output")
+    command->add_option("FILE", import_.files, "Inputs, an agent each, then the output")
         ->required()
         ->expected(2, -1)
         ->type_name("IN... OUT");
