@@ -17,16 +17,12 @@
 
 #include "c/object.h"
 #include "coder/errors.h"
+#include "coder/version.h"
 #include "fileio/process.h"
 
 using namespace vqpack::detail;
 
-#define TEXT(number) #number
-#define VERSION(major, minor, patch) TEXT(major) "." TEXT(minor) "." TEXT(patch)
-
-const char* vqpack_version(void) {
-  return VERSION(VQCOMP_VERSION_MAJOR, VQCOMP_VERSION_MINOR, VQCOMP_VERSION_PATCH);
-}
+const char* vqpack_version(void) { return version_text; }
 
 const char* vqpack_type_name(unsigned type) {
   return type < std::size(velk_trans_names) ? velk_trans_names[type] : nullptr;

@@ -141,7 +141,7 @@ ROWS
 }
 
 @test "info counts what awk counts" {
-  "$VQPACK" -q -v 5 -t "a \"comment\"" -mi 12 "$trace" file.qu
+  "$VQPACK" -q -v 5 -t $'a "comment"\e' -mi 12 "$trace" file.qu
   for file in "$trace" file.qu; do
     [ "$(json $file 'info["transactions"], info["reads"], info["writes"], info["types"]["CDRD64B"], info["agents"]')" = \
       "$(awk '{ ++n; if (/LNWR|MEMWR/) ++w; if (/CDRD/) ++c } END { printf "%d %d %d %d {\0470\047: %d}\n", n, n - w, w, c, n }' "$trace")" ]
@@ -155,7 +155,7 @@ ROWS
   echo 1 2 3 4 5 6 7 >points
   "$VQPACK" -q -v 4 -s points "$trace" points.qu
   run -0 vqtrace info file.qu points.qu
-  [[ $output = *'comment               a "comment"'*"5,000"*"LLC 3: 4 instructions, 5 cycles, 6 LLC references, 7 misses"* ]]
+  [[ $output = *'comment               a "comment"?'*"5,000"*"LLC 3: 4 instructions, 5 cycles, 6 LLC references, 7 misses"* ]]
   head -c 2000 file.qu >cut.qu
   run -1 --separate-stderr vqtrace info --json cut.qu "$trace" nothing
   [[ ${#lines[@]} = 2 && ${lines[0]} = *'"whole":false'* && ${stderr_lines[0]} = "cut.qu: Input ends early"* ]]
@@ -225,6 +225,10 @@ ROWS
 --from 100 --to 4000 --every 3|NR > 100 && NR <= 4000 && (NR - 101) % 3 == 0
 --from 9 --to 5|0
 ROWS
+  printf 'MEMRD64B %s\n' '40 0' '80 0 3' 'oops' 'C0 0' >bad
+  ends -1 "bad: Bad input line, at record 3" "$VQTRACE" filter bad out
+  [ "$(wc -l <out)" = 2 ]
+  rm out
   for arguments in "--type NOTHING" "--agent x" "--agent 1,g" "--address 5-4" "--address 5" "--every 0" "--from -1"; do
     run -255 vqtrace filter $arguments whole out
     [ ! -e out ]

@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t stream_buffer = 1 << 16;
 
 file_ptr open_file(const std::string& name) {
-  const char* const file = name == "-" ? "stdin" : name.c_str();
+  const char* const file = xfopen_name(name);
   static bool is_stdin_taken = false;
   if (name == "-" && std::exchange(is_stdin_taken, true)) return nullptr;
   struct stat status;
@@ -38,7 +38,7 @@ input_stream::input_stream(const std::string& name, bool watched)
 
 std::optional<long long> input_stream::stored_bytes() const {
   struct stat status;
-  const bool is_known = xfstat(name_ == "-" ? "stdin" : name_.c_str(), "r", status);
+  const bool is_known = xfstat(xfopen_name(name_), "r", status);
   if (!is_known || !S_ISREG(status.st_mode)) return std::nullopt;
   return status.st_size;
 }

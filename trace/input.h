@@ -16,6 +16,11 @@
 
 namespace vqtrace {
 
+// The name of an input as xfopen() takes it: "-" is standard input.
+inline const char* xfopen_name(const std::string& name) {
+  return name == "-" ? "stdin" : name.c_str();
+}
+
 // A stream named as vqpack(1) names inputs, "-" for standard input: a file of any kind, compressed
 // or not, or a command. Shows a progress line where it is `watched` and standard error is a
 // terminal.

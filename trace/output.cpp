@@ -48,7 +48,7 @@ velk_counts counts_for(input& trace) {
 void refuse_same_file(const std::string& in, const std::string& out) {
   struct stat read, written;
   const bool both_exist =
-      xfstat(in == "-" ? "stdin" : in.c_str(), "r", read) &&
+      xfstat(xfopen_name(in), "r", read) &&
       (out == "-" ? fstat(STDOUT_FILENO, &written) : stat(out.c_str(), &written)) == 0;
   if (both_exist && same_file(read, written))
     throw command_error(in, "Input and output are the same file");

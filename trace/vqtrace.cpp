@@ -7,7 +7,7 @@
 #include <string>
 
 #include "coder/errors.h"
-#include "coder/vqcomp.h"
+#include "coder/version.h"
 #include "fileio/program.h"
 #include "trace/command_error.h"
 #include "trace/commands.h"
@@ -16,12 +16,6 @@
 namespace vqtrace {
 
 namespace {
-
-#define TEXT(number) #number
-#define VERSION(major, minor, patch) TEXT(major) "." TEXT(minor) "." TEXT(patch)
-
-constexpr char version_text[] =
-    "vqtrace " VERSION(VQCOMP_VERSION_MAJOR, VQCOMP_VERSION_MINOR, VQCOMP_VERSION_PATCH);
 
 // A number of hexadecimal digits, all of the text. Throws what CLI reports to the user.
 std::uint64_t hexadecimal(const std::string& option, std::string_view text) {
@@ -56,7 +50,7 @@ void set_addresses(const std::string& text, filter_settings& settings) {
 class command_line {
  public:
   command_line() {
-    app_.set_version_flag("--version", version_text);
+    app_.set_version_flag("--version", std::string("vqtrace ") + vqpack::detail::version_text);
     app_.require_subcommand(1);
     add_info();
     add_test();
