@@ -228,6 +228,8 @@ ROWS
   printf 'MEMRD64B %s\n' '40 0' '80 0 3' 'oops' 'C0 0' >bad
   ends -1 "bad: Bad input line, at record 3" "$VQTRACE" filter bad out
   [ "$(wc -l <out)" = 2 ]
+  sed -i 1,2d bad
+  ends -1 "bad: Bad input line, at record 1" "$VQTRACE" filter bad out
   rm out
   for arguments in "--type NOTHING" "--agent x" "--agent 1,g" "--address 5-4" "--address 5" "--every 0" "--from -1"; do
     run -255 vqtrace filter $arguments whole out
