@@ -63,15 +63,33 @@ class trace {
     text_bytes = text.size() - line_scan::readable_before;
     text.append(line_scan::readable_after, '\0');
     pack();
-    context_list contexts(max_contexts, window >> 3);
-    for (const VQtransaction& t : transactions) positions.push_back(touch(contexts, t));
+    positions.resize(transactions.size());
+    find_contexts(positions.data());
   }
 
   open_file open() const { return open_file(std::fopen(name_, "r")); }
 
-  static int touch(context_list& contexts, const VQtransaction& t) {
-    long long prev;
-    return contexts.touch({t.addr >> address_unit_shift<false>(t.trans), t.agent, t.trans}, prev);
+  // Stores the position of each transaction's context, or -1 for a new one.
+  void find_contexts(int* to) {
+    constexpr std::size_t at_once = 64;
+    context_list contexts(max_contexts, window >> 3);
+    recency_log::unsettled uses[at_once];
+    const auto context_of = [](const VQtransaction& t) {
+      return VQcontext{t.addr >> address_unit_shift<false>(t.trans), t.agent, t.trans};
+    };
+    for (std::size_t done = 0; done < transactions.size();) {
+      const std::size_t most = std::min({transactions.size() - done, at_once, contexts.room()});
+      std::size_t known = 0;
+      long long prev;
+      while (known < most &&
+             contexts.find(context_of(transactions[done + known]), prev, uses[known]))
+        ++known;
+      contexts.settle(uses, known, to + done);
+      done += known;
+      if (known == most) continue;
+      contexts.insert(context_of(transactions[done]));
+      to[done++] = -1;
+    }
   }
 
   // Codes the trace as file type 1, and hands each piece of the file to `take`.
@@ -154,11 +172,8 @@ void show_packing(trace& t) {
   const double sum = checksum_time(t);
   show("check and code", all - sum);
   show("  of it the contexts", time(t, [&] {
-         context_list contexts(max_contexts, window >> 3);
-         int sum_of_positions = 0;
-         for (const VQtransaction& each : t.transactions)
-           sum_of_positions += trace::touch(contexts, each);
-         use(sum_of_positions);
+         t.find_contexts(t.positions.data());
+         use(t.positions);
        }));
   show("checksum", sum);
   show("write", time(t, [&] {

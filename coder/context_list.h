@@ -42,34 +42,65 @@ class context_list {
     rehash();
   }
 
+  // How often find() may be called before settle(); at least once. All uses must be settled.
+  std::size_t room() { return order_.room(note_slot{entries_}); }
+
   // Finds the first context in list order that `wanted` matches, moves it to the front, gives it
-  // the wanted address and stores the one that it had in `prev`. Returns its 0-based position
-  // before the move. When none matches, puts `wanted` at the front, drops the last context if there
-  // are too many, and returns -1.
-  [[gnu::always_inline]] inline int touch(const VQcontext& wanted, long long& prev) {
+  // the wanted address, and stores the one that it had in `prev`. Its position is still to come:
+  // settle() takes what is stored in `use`. When none matches, returns false and changes nothing.
+  [[gnu::always_inline]] inline bool find(const VQcontext& wanted, long long& prev,
+                                          recency_log::unsettled& use) {
     assert(wanted.addr >= 0 && wanted.addr <= max_addr && unsigned(wanted.agent) <= 0xFFFF);
-    const std::uint32_t key = key_of(wanted);
+    const std::uint64_t key = key_of(wanted);
     if (matches(entries_[front_], key, wanted.addr)) {
       prev = entries_[front_].addr;
       set_addr(front_, wanted.addr);
-      return 0;
+      use = order_.use_newest();
+      return true;
     }
-    const std::uint32_t found = find(wanted);
-    if (found == none) {
-      insert(key, wanted.addr);
-      return -1;
+    const auto [home, neighbour] = chains_for(wanted);
+    std::uint32_t found = chains_[home];
+    if (!matches(entries_[found], key, wanted.addr) ||
+        entries_[chains_[neighbour]].slot < entries_[found].slot) {
+      found = search(home, neighbour, key, wanted.addr);
+      if (found == none) return false;
     }
     prev = entries_[found].addr;
     set_addr(found, wanted.addr);
     front_ = found;
-    return int(order_.move_to_front(found, entries_[found].slot, note_slot{entries_}));
+    use = order_.move_to_front(found, entries_[found].slot, note_slot{entries_});
+    return true;
+  }
+
+  // Stores the positions, 0-based, at which find() found contexts, in the order of its calls.
+  [[gnu::always_inline]] inline void settle(const recency_log::unsettled* uses, std::size_t size,
+                                            int* positions) {
+    order_.settle(uses, size, positions);
+  }
+
+  // Puts a context that find() has not found at the front, and drops the last one if there are too
+  // many. All uses must be settled.
+  [[gnu::noinline]] void insert(const VQcontext& added) {
+    if (max_contexts_ == 0) return;
+    if (order_.size() < max_contexts_) {
+      if (entries_.size() > chains_.size() / 2) rehash();
+      front_ = std::uint32_t(entries_.size());
+      entries_.emplace_back();
+    } else {
+      front_ = order_.pop_back();
+      unlink(front_);
+    }
+    entries_[front_].addr = added.addr;
+    entries_[front_].key = std::uint32_t(key_of(added));
+    link(front_);
+    order_.push(front_, note_slot{entries_});
   }
 
   std::size_t size() const { return order_.size(); }
 
-  // Prepares touch() for the contexts that wanted(0) to wanted(size - 1) return. Changes nothing.
+  // Prepares find() for the contexts that wanted(0) to wanted(size - 1) return. Changes nothing.
   //
-  // In a list that has outgrown the caches, touch() waits for memory three times, each time for a
+  // In a list that has outgrown the caches, find() waits for memory three times, each time for a
   // place that it learns from the one before. Here all of them are fetched side by side: with a
   // million contexts a transaction takes a third of the time.
   template <class Wanted>
@@ -105,24 +136,25 @@ class context_list {
     return window < 1 ? 1 : std::min(62, int(std::bit_width(std::uint64_t(window))) + 1);
   }
 
-  static std::uint32_t key_of(const VQcontext& context) {
-    return std::uint32_t(context.agent) << 8 | context.trans;
+  // As wide as the hash: of a narrower one g++ would store 32 bits and load 64, which must wait.
+  static std::uint64_t key_of(const VQcontext& context) {
+    return unsigned(context.agent) << 8 | context.trans;
   }
 
   long long region_of(long long addr) const { return addr >> region_bits_; }
 
-  bool matches(const entry& e, std::uint32_t key, long long addr) const {
+  bool matches(const entry& e, std::uint64_t key, long long addr) const {
     return std::uint64_t(addr - e.addr + reach_) < match_span_ && e.key == key;
   }
 
   // The hash for the next region is `next_region` more.
-  static std::uint64_t hash(std::uint32_t key, long long region) {
-    return (std::uint64_t(region) + (std::uint64_t{key} << 40)) * next_region;
+  static std::uint64_t hash(std::uint64_t key, long long region) {
+    return (std::uint64_t(region) + (key << 40)) * next_region;
   }
   std::uint32_t chain_of(std::uint64_t hash) const { return std::uint32_t(hash >> chain_shift_); }
 
   // The newest match in a chain that is newer than `slot`, or `none`.
-  std::uint32_t first_match(std::uint32_t chain, std::uint32_t key, long long addr,
+  std::uint32_t first_match(std::uint32_t chain, std::uint64_t key, long long addr,
                             unsigned slot) const {
     std::uint32_t id = chains_[chain];
     while (entries_[id].slot < slot && !matches(entries_[id], key, addr)) id = entries_[id].older;
@@ -136,12 +168,12 @@ class context_list {
     return {chain_of(home), chain_of(is_upper_half ? home + next_region : home - next_region)};
   }
 
-  std::uint32_t find(const VQcontext& wanted) const {
+  // The first match in list order of two chains, or `none`.
+  [[gnu::noinline]] std::uint32_t search(std::uint32_t home, std::uint32_t neighbour,
+                                         std::uint64_t key, long long addr) const {
     if (match_span_ == 0) return none;
-    const std::uint32_t key = key_of(wanted);
-    const auto [home, neighbour] = chains_for(wanted);
-    const std::uint32_t here = first_match(home, key, wanted.addr, oldest);
-    const std::uint32_t beside = first_match(neighbour, key, wanted.addr, entries_[here].slot);
+    const std::uint32_t here = first_match(home, key, addr, oldest);
+    const std::uint32_t beside = first_match(neighbour, key, addr, entries_[here].slot);
     return beside == none ? here : beside;
   }
 
@@ -156,25 +188,12 @@ class context_list {
     entry& e = entries_[id];
     const bool stays = region_of(addr) == region_of(e.addr);
     e.addr = addr;
-    if (stays && e.newer == none) return;
-    unlink(id);
-    link(id);
+    if (!stays || e.newer != none) relink(id);
   }
 
-  void insert(std::uint32_t key, long long addr) {
-    if (max_contexts_ == 0) return;
-    if (order_.size() < max_contexts_) {
-      if (entries_.size() > chains_.size() / 2) rehash();
-      front_ = std::uint32_t(entries_.size());
-      entries_.emplace_back();
-    } else {
-      front_ = order_.pop_back();
-      unlink(front_);
-    }
-    entries_[front_].addr = addr;
-    entries_[front_].key = key;
-    link(front_);
-    order_.push(front_, note_slot{entries_});
+  [[gnu::noinline]] void relink(std::uint32_t id) {
+    unlink(id);
+    link(id);
   }
 
   void link(std::uint32_t id) {

@@ -25,14 +25,16 @@ namespace vqpack::detail {
 // The plain form is an array in that order, in which a use of the id at position k moves k others
 // down. Here no id ever moves: each use takes a new slot in a log, the next below all slots taken
 // before, and the slot of the use before dies. So the position of an id is the number of living
-// slots between the newest slot and its own. A bitmap marks the dead slots. So that the others need
-// not be counted anew, a row keeps for each of 32 words of the bitmap the number of living slots
-// before it in the row, another kind of row the same for 32 of those rows, which make a block, and
-// an array the number of living slots in each block. Free slots, those below the newest, count as
+// slots between the newest slot and its own. A bitmap marks the living slots. So that they need not
+// be counted anew, a row keeps for each of 32 words of the bitmap the number of living slots before
+// it in the row, another kind of row the same for 32 of those rows, which make a block, and an
+// array the number of living slots in each block. Free slots, those below the newest, count as
 // living. A death takes one from the later numbers of a row of each kind, which is a vector
 // subtraction, and from a block; a use changes nothing else. A log of one row has no use for the
-// rest. When the log is full, the living slots
-// are moved together at its upper end.
+// rest. When the log is full, the living slots are moved together at its upper end.
+//
+// A caller that knows the slots may make many uses before it asks for their positions, which takes
+// less time: see `unsettled`.
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
 // slots, is called with each id and its slot then. Throws std::bad_alloc above 2^29 ids.
@@ -45,15 +47,15 @@ class recency_log {
   // Fetches what a use of `slot` reads into the caches, if there is such a slot.
   void prepare(unsigned slot) const {
     if (slot >= id_at_.size()) return;
-    prefetch(&dead_[slot / word_slots]);
+    prefetch(&living_[slot / word_slots]);
     prefetch(&words_[slot / row_slots]);
   }
 
   // Calls `use` with each id, the oldest first.
   template <class Use>
   void from_oldest(Use use) const {
-    for (std::size_t i = dead_.size(); i-- > head_ / word_slots;) {
-      std::uint64_t live = ~dead_[i];
+    for (std::size_t i = living_.size(); i-- > head_ / word_slots;) {
+      std::uint64_t live = living_[i];
       if (i == head_ / word_slots) live &= ~(bit(head_) - 1);
       while (live != 0) {
         const unsigned k = unsigned(std::bit_width(live)) - 1;
@@ -67,9 +69,9 @@ class recency_log {
   // numbers of living slots need not know.
   std::uint32_t pop_back() {
     assert(size_ > 0);
-    while (~dead_[back_word_] == 0) --back_word_;
-    const unsigned k = unsigned(std::bit_width(~dead_[back_word_])) - 1;
-    dead_[back_word_] |= bit(k);
+    while (living_[back_word_] == 0) --back_word_;
+    const unsigned k = unsigned(std::bit_width(living_[back_word_])) - 1;
+    living_[back_word_] &= ~bit(k);
     --size_;
     return id_at_[back_word_ * word_slots + k];
   }
@@ -82,14 +84,40 @@ class recency_log {
     ++size_;
   }
 
-  // Makes `id`, which is in `slot`, the newest; returns the position that it had.
+  // A use of an id whose slot is known: it has a new slot, but the one before is still to die. For
+  // from_oldest(), pop_back(), push() and room(), all uses must have been settled.
+  struct unsettled {
+    unsigned slot;  // before the use
+    unsigned head;  // slot of the newest id then; if both are the same, the slot does not die
+  };
+
+  // How many times move_to_front() may be called before this must be asked again; at least once.
   template <class Moved>
-  unsigned move_to_front(std::uint32_t id, unsigned slot, Moved moved) {
-    assert(id_at_[slot] == id);
-    const unsigned position = kill(slot) - head_;
-    if (head_ == 0) make_room(moved);
+  unsigned room(Moved moved) {
+    if (head_ == 0) [[unlikely]]
+      make_room(moved);
+    return head_;
+  }
+
+  unsettled use_newest() const { return {.slot = head_, .head = head_}; }
+
+  // Makes `id`, which is in `slot` and not the newest, the newest.
+  template <class Moved>
+  unsettled move_to_front(std::uint32_t id, unsigned slot, Moved moved) {
+    assert(id_at_[slot] == id && slot != head_);
+    const unsettled made{.slot = slot, .head = head_};
     take_slot(id, moved);
-    return position;
+    return made;
+  }
+
+  // Settles uses, in the order in which they were made. Stores the position, 0-based, that the id
+  // of each had before.
+  [[gnu::always_inline]] inline void settle(const unsettled* uses, std::size_t size,
+                                            int* positions) {
+    if (words_.size() == 1)
+      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<true>(uses[i]);
+    else
+      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<false>(uses[i]);
   }
 
   // Takes the id at a 0-based position below size() out of the log and makes `newest`, which must
@@ -104,8 +132,8 @@ class recency_log {
       i = rows_[i].take(living) + i * fanout;
     }
     i = words_[i].take(living) + i * fanout;
-    const unsigned k = select_bit(~dead_[i], living);
-    dead_[i] |= bit(k);
+    const unsigned k = select_bit(living_[i], living);
+    living_[i] &= ~bit(k);
     const std::uint32_t taken = id_at_[i * word_slots + k];
     const auto moved = [](std::uint32_t, unsigned) {};
     if (head_ == 0) make_room(moved);
@@ -119,6 +147,8 @@ class recency_log {
   static constexpr unsigned row_slots = fanout * word_slots;
   static constexpr unsigned block_slots = fanout * row_slots;
   static constexpr unsigned max_ids = 1 << 29;  // so that their slots can be counted
+
+  using sixteen_counts [[gnu::vector_size(32), gnu::may_alias]] = std::uint16_t;
 
   // steps[place][i] is 1 for each i above `place`, else 0.
   using step = std::array<std::uint16_t, fanout>;
@@ -139,10 +169,11 @@ class recency_log {
         before[i] = static_cast<std::uint16_t>(i * element_slots);
     }
 
-    // A slot of the element at `place` dies.
+    // A slot of the element at `place` dies; none after the last place.
     void kill(std::size_t place) {
-      for (unsigned i = 0; i < fanout; ++i)
-        before[i] = static_cast<std::uint16_t>(before[i] - steps[place][i]);
+      const auto* const step = reinterpret_cast<const sixteen_counts*>(&steps[place]);
+      auto* const counts = reinterpret_cast<sixteen_counts*>(before);
+      for (unsigned i = 0; i < fanout / 16; ++i) counts[i] -= step[i];
     }
 
     // Lets the slot die that has `living` living ones before it; returns its element's place, and
@@ -180,21 +211,26 @@ class recency_log {
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
-  // Lets `slot` die; returns the number of living ones below it.
-  unsigned kill(unsigned slot) {
-    const std::size_t word = slot / word_slots, words = slot / row_slots,
-                      block = slot / block_slots;
-    assert(slot >= head_ && slot < id_at_.size() && !(dead_[word] & bit(slot)));
-    unsigned living = count_bits(~dead_[word] & (bit(slot) - 1));
-    dead_[word] |= bit(slot);
-    living += words_[words].before[word % fanout];
-    words_[words].kill(word % fanout);
-    if (words_.size() == 1) return living;
+  // Settles a use: the number of living slots between the newest one and its own. Whether the slot
+  // dies is unpredictable, and therefore no branch.
+  template <bool OneRow>
+  int kill(unsettled made) {
+    const std::size_t word = made.slot / word_slots, words = made.slot / row_slots,
+                      block = made.slot / block_slots;
+    assert(made.slot < id_at_.size() && (living_[word] & bit(made.slot)));
+    const unsigned deaths = made.slot != made.head;
+    constexpr std::size_t last = fanout - 1;  // nothing comes after it
+    unsigned living = count_bits(living_[word] & (bit(made.slot) - 1)) - made.head;
+    living_[word] &= ~(std::uint64_t{deaths} << made.slot % word_slots);
+    row& of_words = words_[OneRow ? 0 : words];
+    living += of_words.before[word % fanout];
+    of_words.kill(deaths ? word % fanout : last);
+    if (OneRow) return int(living);
     living += rows_[block].before[words % fanout];
-    rows_[block].kill(words % fanout);
-    --blocks_[block];
+    rows_[block].kill(deaths ? words % fanout : last);
+    blocks_[block] -= deaths;
     for (std::size_t i = 0; i < block; ++i) living += blocks_[i];
-    return living;
+    return int(living);
   }
 
   template <class Moved>
@@ -206,7 +242,7 @@ class recency_log {
 
   // Moves the living slots to the upper end of the log, which is at most half full then.
   template <class Moved>
-  void make_room(Moved moved) {
+  [[gnu::noinline]] void make_room(Moved moved) {
     if (size_ >= max_ids) throw std::bad_alloc();
     const unsigned slots = std::max({row_slots, unsigned(id_at_.size()), std::bit_ceil(3 * size_)});
     id_at_.resize(slots);
@@ -221,8 +257,8 @@ class recency_log {
 
   // Makes a log of `slots` slots without a dead one.
   void revive(unsigned slots) {
-    dead_.assign(slots / word_slots, 0);
-    back_word_ = dead_.size() - 1;
+    living_.assign(slots / word_slots, ~std::uint64_t{0});
+    back_word_ = living_.size() - 1;
     words_.assign((slots + row_slots - 1) / row_slots, row(word_slots));
     const std::size_t blocks = (slots + block_slots - 1) / block_slots;
     rows_.assign(blocks, row(row_slots));
@@ -230,13 +266,13 @@ class recency_log {
   }
 
   unsigned size_ = 0;
-  unsigned head_ = 0;                 // slot of the newest; those below are free
-  std::size_t back_word_ = 0;         // all slots in the words above it are dead
-  std::vector<std::uint64_t> dead_;   // a bit for each slot
-  std::vector<row> words_;            // of the bitmap, the living slots before each
-  std::vector<row> rows_;             // the same for the rows of `words_`
-  std::vector<unsigned> blocks_;      // the living slots in each
-  std::vector<std::uint32_t> id_at_;  // by slot
+  unsigned head_ = 0;                  // slot of the newest; those below are free
+  std::size_t back_word_ = 0;          // all slots in the words above it are dead
+  std::vector<std::uint64_t> living_;  // a bit for each slot
+  std::vector<row> words_;             // of the bitmap, the living slots before each
+  std::vector<row> rows_;              // the same for the rows of `words_`
+  std::vector<unsigned> blocks_;       // the living slots in each
+  std::vector<std::uint32_t> id_at_;   // by slot
 };
 
 }  // namespace vqpack::detail

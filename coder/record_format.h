@@ -64,7 +64,7 @@ inline constexpr auto line_shifts = [] {
   return shifts;
 }();
 
-inline int line_shift(velk_trans_class trans) { return line_shifts[trans >> 3]; }
+constexpr int line_shift(velk_trans_class trans) { return line_shifts[trans >> 3]; }
 
 // Context codecs count addresses in units of 1 << shift bytes: 8 bytes, except that the deferred
 // replies, whose address has only bits 16 to 23, take 64 KiB where counts are kept.

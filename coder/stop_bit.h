@@ -17,9 +17,6 @@ constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / st
 
 // Whether two bytes hold a number.
 constexpr bool is_short(unsigned long long value) { return value < 1 << 2 * stop_bit_group; }
-constexpr bool is_short_signed(long long value) {
-  return is_short(static_cast<unsigned long long>(value) + (1 << (2 * stop_bit_group - 1)));
-}
 
 // Whether one byte holds it.
 constexpr bool is_one_group(long long value) {

@@ -20,6 +20,7 @@
 #include "checksum.h"
 #include "context_list.h"
 #include "errors.h"
+#include "known_records.h"
 #include "processor.h"
 #include "record_format.h"
 #include "stdio_bytes.h"
@@ -94,7 +95,7 @@ static_assert(max_record_and_repeat <= spare_bytes);
 static_assert(max_repeat_bytes + max_end_bytes <= spare_bytes);
 
 // Transactions are checked, coded and folded into the checksum in batches of this many.
-constexpr std::size_t batch_size = 64;
+constexpr std::size_t batch_size = known_records::max_size;
 constexpr unsigned max_repeats = UINT_MAX;  // more start another record
 
 // The address, if the bit length of the largest one takes it into account, else 0.
@@ -107,10 +108,7 @@ long long to_units(long long addr, int shift) {
   return static_cast<long long>(static_cast<unsigned long long>(addr) >> shift);
 }
 
-// The codec takes a record at a time. Which parts the next record has is unpredictable, and a wrong
-// guess costs more than making all of them. So the usual record is put together without branches,
-// and stored in any case at its full width, in which the end moves past the bytes that it has. Each
-// function returns the position after its part.
+// Writers of parts of records; each returns the position after its part.
 
 // Code and agent of a new context. Agents of 255 and more switch the rest of the stream to
 // stop-bit numbers.
@@ -123,45 +121,6 @@ unsigned char* encode_agent_trans(unsigned char* to, velk_trans_class trans, int
   if (!agent_escape) to = store_le<1>(to, escaped_agent);
   agent_escape = true;
   return put_stop_bit(to, unsigned(agent));
-}
-
-// From a context's latest address to the next one: in address units, and in lines where it is few
-// lines to the start of one.
-struct delta {
-  delta(velk_trans_class trans, long long unit_addr, long long prev) : units(unit_addr - prev) {
-    const int shift = line_shift(trans);
-    lines = (unit_addr >> shift) - (prev >> shift);
-    // A few lines are a number from 0 to 14 here; an address within a line makes it 16 or more.
-    const auto few = static_cast<unsigned long long>(lines + max_short_delta);
-    const auto within_line = static_cast<unsigned long long>(unit_addr) & ((1u << shift) - 1);
-    is_in_lines = (few | within_line << 4) <= 2ull * max_short_delta;
-  }
-
-  long long units;
-  long long lines;
-  bool is_in_lines;
-};
-
-// Head byte, context number and delta of a record whose context was found at `position`. Touches
-// 1 + 5 + 9 + 1 bytes at most.
-[[gnu::always_inline]] inline unsigned char* put_known_context(unsigned char* to, int position,
-                                                               const delta& moved) {
-  const int beyond = position - max_short_position;
-  const auto number = unsigned(beyond & ~(beyond >> 31));  // of std::max(), g++ makes a branch
-  const int place = std::min(position, max_short_position + 1) << position_shift;
-  const long long in_lines = -static_cast<long long>(moved.is_in_lines);  // a mask
-  const auto head = unsigned(place | (((moved.lines ^ long_delta) & 0xF & in_lines) ^ long_delta));
-  if (!is_short(number) || !is_short_signed(moved.units)) [[unlikely]] {
-    to = store_le<1>(to, head);
-    if (number > 0) to = put_stop_bit(to, number);
-    return moved.is_in_lines ? to : put_signed_stop_bit(to, moved.units);
-  }
-  const long long units = moved.units & ~in_lines;
-  const int number_bytes = (number > 0) + (number > 0x7F);
-  const int delta_bytes = !moved.is_in_lines + !is_one_group(units);
-  store_le<8>(to, head | short_stop_bit(number, number_bytes) << 8 |
-                      short_stop_bit(unsigned(units), delta_bytes) << (8 + 8 * number_bytes));
-  return to + 1 + number_bytes + delta_bytes;
 }
 
 // Puts a repeat count into the record at `head`, whose other bytes end at `to`.
@@ -235,6 +194,8 @@ class compressor {
   } stored_{};
   codec_function codec_;
   context_list contexts_;
+  known_records records_;  // of the batch that is being coded
+  int delta_bytes_;        // of the longest delta
   checksum crc_;
   int used_;                     // bytes in the buffer
   int mark_;                     // the latest record's first byte; all before it is final
@@ -253,6 +214,12 @@ namespace {
 
 unsigned max_contexts_of(const PRUV_header_t* header) {
   return header && header->max_contexts ? header->max_contexts : no_limit;
+}
+
+// Of a record; a context is found at less than `window` address units from its address before.
+int max_delta_bytes(long long window) {
+  const auto distances = static_cast<unsigned long long>(std::max(window, 1ll));
+  return stop_bit_bytes(int(std::bit_width(distances)) + 1);
 }
 
 int checked_size(int size) {
@@ -277,7 +244,9 @@ compressor::compressor(FILE* out, int version, PRUV_header_t* header, int size, 
       version_(checked_version(version)),
       max_agent_(has_wide_agents(version) ? max_wide_agent : max_agent),
       compressed_(version != 0),
-      contexts_(max_contexts_of(header), window >> 3) {
+      contexts_(max_contexts_of(header), window >> 3),
+      records_(window >> 3),
+      delta_bytes_(max_delta_bytes(window >> 3)) {
   put_preamble(header);
   hdr_len = hdr_bytes_;
   codec_ = choose_codec();
@@ -448,6 +417,11 @@ unsigned char* compressor::put_new_context(unsigned char* to, const VQtransactio
 // With three fields, a transaction that continues the front context by one line costs nothing: it
 // is counted, and the count goes into the head byte of the record that it repeats. With four fields
 // the repeat count is the transaction's count.
+//
+// The plain form goes on to the next transaction when all is done for one. Here each step, finding
+// the context, its position, making the record, writing it, is a short loop of its own over as many
+// known contexts as surely start in the block: the processor works on several transactions at once
+// then. A new context ends them, as the list does not take it before the uses are settled.
 template <bool Counted>
 [[gnu::always_inline]] inline std::size_t compressor::put_contexts(
     const VQtransaction* transactions, std::size_t size) {
@@ -456,30 +430,48 @@ template <bool Counted>
   unsigned char* to = at(used_);
   unsigned repeat = pending_repeat_;
   long long distance = 0;
-  const auto unit_address = [](const VQtransaction& t) {
-    return to_units(t.addr, address_unit_shift<Counted>(t.trans));
+  const auto context_of = [](const VQtransaction& t) {
+    return VQcontext{to_units(t.addr, address_unit_shift<Counted>(t.trans)), t.agent, t.trans};
   };
-  contexts_.prepare(size, [=](std::size_t i) {
-    const VQtransaction& t = transactions[i];
-    return VQcontext{unit_address(t), t.agent, t.trans};
-  });
+  contexts_.prepare(size, [=](std::size_t i) { return context_of(transactions[i]); });
+  const int number_bytes = stop_bit_bytes(int(std::bit_width(contexts_.size() + size)));
+  const int max_bytes = 1 + number_bytes + delta_bytes_ + (Counted ? max_repeat_bytes : 0);
+  recency_log::unsettled uses[batch_size];
   std::size_t done = 0;
   do {
-    const VQtransaction& t = transactions[done++];
-    const long long unit_addr = unit_address(t);
-    long long prev = 0;
-    const int position = contexts_.touch({unit_addr, t.agent, t.trans}, prev);
-    distance += std::max(position, 0);
-    const delta moved(t.trans, unit_addr, prev);
-    if (!Counted && position == 0 && moved.is_in_lines && moved.lines == 1 &&
-        repeat < max_repeats) {
-      ++repeat;
-      continue;
+    const VQtransaction* const next = transactions + done;
+    // The latest record's repeats may still have to be written.
+    const auto room = std::max<std::ptrdiff_t>(block_end - to - max_repeat_bytes - 1, 0);
+    const std::size_t most =
+        std::min({size - done, std::size_t(room / max_bytes) + 1, contexts_.room()});
+    std::size_t known = 0;
+    for (; known < most; ++known) {
+      const VQcontext wanted = context_of(next[known]);
+      long long prev;
+      if (!contexts_.find(wanted, prev, uses[known])) break;
+      records_.set(known, wanted.trans, prev, wanted.addr);
     }
-    head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
-    to = position < 0 ? put_new_context(head, t, unit_addr)
-                      : put_known_context(head, position, moved);
-    if (Counted) to = put_repeat(head, to, t.count);
+    contexts_.settle(uses, known, records_.positions());
+    records_.make(known);
+    for (std::size_t i = 0; i < known; ++i) {
+      distance += records_.positions()[i];
+      if (!Counted && records_.is_next_line(i) && repeat < max_repeats) {
+        ++repeat;
+        continue;
+      }
+      head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+      to = records_.put(head, i, next[i].trans, context_of(next[i]).addr);
+      if (Counted) to = put_repeat(head, to, next[i].count);
+    }
+    if (known < most) {
+      const VQtransaction& t = next[known];
+      contexts_.insert(context_of(t));
+      head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+      to = put_new_context(head, t, context_of(t).addr);
+      if (Counted) to = put_repeat(head, to, t.count);
+      ++known;
+    }
+    done += known;
   } while (done < size && to < block_end);
   pending_repeat_ = repeat;
   distance_sum_ += distance;
