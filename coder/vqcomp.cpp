@@ -430,20 +430,26 @@ template <bool Counted>
   unsigned char* to = at(used_);
   unsigned repeat = pending_repeat_;
   long long distance = 0;
+  // The latest record is complete.
+  const auto start_record = [&] {
+    head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+  };
   const auto context_of = [](const VQtransaction& t) {
     return VQcontext{to_units(t.addr, address_unit_shift<Counted>(t.trans)), t.agent, t.trans};
   };
   contexts_.prepare(size, [=](std::size_t i) { return context_of(transactions[i]); });
   const int number_bytes = stop_bit_bytes(int(std::bit_width(contexts_.size() + size)));
-  const int max_bytes = 1 + number_bytes + delta_bytes_ + (Counted ? max_repeat_bytes : 0);
+  const auto max_bytes =
+      std::size_t(1 + number_bytes + delta_bytes_ + (Counted ? max_repeat_bytes : 0));
   recency_log::unsettled uses[batch_size];
   std::size_t done = 0;
   do {
     const VQtransaction* const next = transactions + done;
     // The latest record's repeats may still have to be written.
-    const auto room = std::max<std::ptrdiff_t>(block_end - to - max_repeat_bytes - 1, 0);
-    const std::size_t most =
-        std::min({size - done, std::size_t(room / max_bytes) + 1, contexts_.room()});
+    const auto room =
+        std::size_t(std::max<std::ptrdiff_t>(block_end - to - max_repeat_bytes - 1, 0));
+    std::size_t most = std::min(size - done, contexts_.room());
+    if (most * max_bytes > room) most = room / max_bytes + 1;
     std::size_t known = 0;
     for (; known < most; ++known) {
       const VQcontext wanted = context_of(next[known]);
@@ -459,14 +465,14 @@ template <bool Counted>
         ++repeat;
         continue;
       }
-      head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+      start_record();
       to = records_.put(head, i, next[i].trans, context_of(next[i]).addr);
       if (Counted) to = put_repeat(head, to, next[i].count);
     }
     if (known < most) {
       const VQtransaction& t = next[known];
       contexts_.insert(context_of(t));
-      head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
+      start_record();
       to = put_new_context(head, t, context_of(t).addr);
       if (Counted) to = put_repeat(head, to, t.count);
       ++known;

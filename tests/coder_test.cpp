@@ -146,11 +146,24 @@ TEST(Coder, FilesAreThoseOfThePlainFormInBatchesOfAnySize) {
         const std::size_t batch = batches[seed % 6];
         const coder_limits limit{window, limits[seed % 7], seed % 5 ? 84 : 1024, batch};
         const trace transactions = random_trace(seed, int(seed % 8 * 50), c);
-        const bytes file = encode(transactions, c, limit);
+        std::vector<std::size_t> blocks, of_single_ones;
+        const bytes file = encode(transactions, c, limit, &blocks);
         EXPECT_TRUE(is_plain(file, transactions, c, limit))
             << c << " seed " << seed << " window " << window;
+        encode(transactions, c, {window, limit.max_contexts, limit.block_size}, &of_single_ones);
+        EXPECT_EQ(blocks, of_single_ones) << c << " seed " << seed << " window " << window;
         const decoded read = decode(file, 300, transactions.size(), batch);
         EXPECT_TRUE(read == (decoded{transactions, ""})) << c << " seed " << seed << read.error;
+      }
+}
+
+TEST(Coder, StepsOfManyBits) {
+  for (const coding c : {context1, context4})
+    for (const long long step : {1LL << 16, 1LL << 27, 1LL << 34, 1LL << 35, 1LL << 40})
+      for (const long long more : {-64, 0, 64, 4096}) {
+        const trace transactions{{24, step, 0}, {24, 2 * step + more, 0}, {24, more + 4096, 0}};
+        const coder_limits limits{.window = 1LL << 60, .batch = 3};
+        EXPECT_TRUE(is_plain(encode(transactions, c, limits), transactions, c, limits)) << step;
       }
 }
 

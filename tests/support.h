@@ -65,7 +65,9 @@ inline bytes from_hex(const std::string& text) {
 }
 
 // The whole file as a pipe would receive it, block by block, as a caller without a stream does it.
-inline bytes encode(const trace& transactions, coding c, coder_limits limits = {}) {
+// `blocks`, if there, receives where they end.
+inline bytes encode(const trace& transactions, coding c, coder_limits limits = {},
+                    std::vector<std::size_t>* blocks = nullptr) {
   const auto header = make_header(c, transactions);
   header->max_contexts = limits.max_contexts;
   VQcomp coder(nullptr, c.version, header.get(), limits.block_size, limits.window);
@@ -73,6 +75,7 @@ inline bytes encode(const trace& transactions, coding c, coder_limits limits = {
   const auto take = [&](unsigned size) {
     file.insert(file.end(), coder.buffer.get(), coder.buffer.get() + size);
     coder.reset_buffer();
+    if (blocks) blocks->push_back(file.size());
   };
   std::vector<VQtransaction> given;
   for (const transaction& t : transactions) given.push_back({t.addr, t.agent, t.count, t.trans});
