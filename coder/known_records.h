@@ -58,9 +58,14 @@ class known_records {
 
   int* positions() { return positions_.data(); }
 
-  // Makes the first `size` records.
+  // Makes the first `size` records. A single one is left to the plain form: it is ready before a
+  // vector could be loaded of what set() has just stored.
   [[gnu::always_inline]] inline void make(std::size_t size) {
-    for (std::size_t i = 0; i < size; i += 4) make_four(i);
+    if (size == 1)
+      heads_[0] =
+          positions_[0] == 0 && (low_prev_[0] * lines_[0] & 0xF) + units_[0] * lines_[0] == 16;
+    else
+      for (std::size_t i = 0; i < size; i += 4) make_four(i);
   }
 
   // Whether all that record `i` says is that the front context moves to its next line.
@@ -70,7 +75,7 @@ class known_records {
   // overwritten.
   unsigned char* put(unsigned char* to, std::size_t i, velk_trans_class trans,
                      long long unit_addr) const {
-    if (heads_[i] == 0) [[unlikely]]
+    if (heads_[i] >> size_shift == 0) [[unlikely]]
       return put_known_context(to, trans, positions_[i], prev_[i], unit_addr);
     store_le<4>(to, heads_[i]);
     to += heads_[i] >> size_shift;
@@ -133,7 +138,7 @@ class known_records {
   alignas(16) array<int> low_prev_{};     // the lower bits of `prev_`
   alignas(16) array<int> lines_{};        // that make 16 units
   array<long long> prev_{};               // address before
-  alignas(16) array<unsigned> heads_{};   // 0 where the record is left to the plain form
+  alignas(16) array<unsigned> heads_{};   // of 0 bytes where it is left to the plain form
   alignas(16) array<unsigned> deltas_{};  // 0 where the head has it
 };
 
