@@ -194,8 +194,8 @@ class compressor {
   } stored_{};
   codec_function codec_;
   context_list contexts_;
-  known_records records_;  // of the batch that is being coded
-  int delta_bytes_;        // of the longest delta
+  known_records records_;        // of the batch that is being coded
+  std::size_t max_delta_bytes_;  // of a record
   checksum crc_;
   int used_;                     // bytes in the buffer
   int mark_;                     // the latest record's first byte; all before it is final
@@ -216,10 +216,15 @@ unsigned max_contexts_of(const PRUV_header_t* header) {
   return header && header->max_contexts ? header->max_contexts : no_limit;
 }
 
-// Of a record; a context is found at less than `window` address units from its address before.
-int max_delta_bytes(long long window) {
+// The most bytes of a context number in a list of `contexts`.
+std::size_t max_bytes_of_number(std::size_t contexts) {
+  return std::size_t(stop_bit_bytes(int(std::bit_width(contexts))));
+}
+
+// The same of a delta; a context is found at less than `window` address units from its address.
+std::size_t max_bytes_of_delta(long long window) {
   const auto distances = static_cast<unsigned long long>(std::max(window, 1ll));
-  return stop_bit_bytes(int(std::bit_width(distances)) + 1);
+  return std::size_t(stop_bit_bytes(int(std::bit_width(distances)) + 1));
 }
 
 int checked_size(int size) {
@@ -246,7 +251,7 @@ compressor::compressor(FILE* out, int version, PRUV_header_t* header, int size, 
       compressed_(version != 0),
       contexts_(max_contexts_of(header), window >> 3),
       records_(window >> 3),
-      delta_bytes_(max_delta_bytes(window >> 3)) {
+      max_delta_bytes_(max_bytes_of_delta(window >> 3)) {
   put_preamble(header);
   hdr_len = hdr_bytes_;
   codec_ = choose_codec();
@@ -438,9 +443,9 @@ template <bool Counted>
     return VQcontext{to_units(t.addr, address_unit_shift<Counted>(t.trans)), t.agent, t.trans};
   };
   contexts_.prepare(size, [=](std::size_t i) { return context_of(transactions[i]); });
-  const int number_bytes = stop_bit_bytes(int(std::bit_width(contexts_.size() + size)));
-  const auto max_bytes =
-      std::size_t(1 + number_bytes + delta_bytes_ + (Counted ? max_repeat_bytes : 0));
+  const std::size_t rest_of_record = Counted ? 1 + max_repeat_bytes : 1;
+  const std::size_t max_bytes =
+      rest_of_record + max_bytes_of_number(contexts_.size() + size) + max_delta_bytes_;
   recency_log::unsettled uses[batch_size];
   std::size_t done = 0;
   do {
