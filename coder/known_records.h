@@ -3,9 +3,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cassert>
 #include <cstddef>
-#include <cstdint>
 
 #include "bytes.h"
 #include "record_format.h"
@@ -25,7 +23,7 @@ inline unsigned char* put_known_context(unsigned char* to, velk_trans_class tran
   const bool is_in_lines = unit_addr >> shift << shift == unit_addr && lines >= -max_short_delta &&
                            lines <= max_short_delta;
   const int place = std::min(position, max_short_position + 1);
-  const auto delta = is_in_lines ? unsigned(lines) & 0xF : long_delta;
+  const auto delta = is_in_lines ? unsigned(lines) & delta_mask : long_delta;
   to = store_le<1>(to, unsigned(place) << position_shift | delta);
   if (position > max_short_position) to = put_stop_bit(to, unsigned(position - max_short_position));
   return is_in_lines ? to : put_signed_stop_bit(to, unit_addr - prev);
@@ -52,7 +50,7 @@ class known_records {
       units = std::clamp(units, -most_units, most_units);
     units_[i] = int(units);
     prev_[i] = prev;
-    low_prev_[i] = int(prev & 0xF);
+    low_prev_[i] = int(prev & (line - 1));
     lines_[i] = lines_in_16_units[trans];
   }
 
@@ -62,17 +60,19 @@ class known_records {
   // vector could be loaded of what set() has just stored.
   [[gnu::always_inline]] inline void make(std::size_t size) {
     if (size == 1)
-      heads_[0] =
-          positions_[0] == 0 && (low_prev_[0] * lines_[0] & 0xF) + units_[0] * lines_[0] == 16;
+      heads_[0] = positions_[0] == 0 && from_line_start(units_[0], low_prev_[0], lines_[0]) == line
+                      ? next_line
+                      : 0;
     else
       for (std::size_t i = 0; i < size; i += 4) make_four(i);
   }
 
-  // Whether all that record `i` says is that the front context moves to its next line.
-  bool is_next_line(std::size_t i) const { return (heads_[i] & 0xFF) == 1; }
+  // Whether all that record `i` says is that the front context moves to its next line. For this and
+  // put(), the records have been made.
+  bool is_next_line(std::size_t i) const { return (heads_[i] & 0xFF) == next_line; }
 
-  // Writes record `i` at `to`, and returns the position after it, beyond which up to 4 bytes may be
-  // overwritten.
+  // Writes record `i`, whose arguments for set() were `trans` and `unit_addr`, at `to`. Returns the
+  // position after it; up to 4 bytes beyond that may be overwritten.
   unsigned char* put(unsigned char* to, std::size_t i, velk_trans_class trans,
                      long long unit_addr) const {
     if (heads_[i] >> size_shift == 0) [[unlikely]]
@@ -84,14 +84,26 @@ class known_records {
   }
 
  private:
-  static constexpr int size_shift = 24;
+  static constexpr int size_shift = 24;             // of the number of bytes in a word
+  static constexpr unsigned next_line = 1;          // head byte: context 0, a delta of one line
   static constexpr long long most_units = 1 << 24;  // more than two bytes hold
+
+  // Distances are counted in sixteenths of a line, so that lines of all lengths, 16 address units
+  // at most, are treated alike.
+  static constexpr int line_bits = 4;
+  static constexpr int line = 1 << line_bits;
   static constexpr auto lines_in_16_units = [] {
     std::array<unsigned char, 256> lines{};
     for (std::size_t trans = 0; trans < lines.size(); ++trans)
       lines[trans] = static_cast<unsigned char>(16 >> line_shift(velk_trans_class(trans)));
     return lines;
   }();
+
+  // How far an address is, after it moved by `units`, from the start of the line before.
+  template <class Number>
+  static Number from_line_start(const Number& units, const Number& low_prev, const Number& lines) {
+    return (low_prev * lines & (line - 1)) + units * lines;
+  }
 
   using four [[gnu::vector_size(16), gnu::may_alias]] = int;
   template <class T>
@@ -104,29 +116,38 @@ class known_records {
     reinterpret_cast<four&>(all[i]) = words;
   }
 
-  // The bytes of a number below 2^14, the first one lowest; of one byte, the second means nothing.
+  // Whether a signed number has at most so many bits.
+  template <int Bits>
+  static four is_signed(const four& number) {
+    return number << (32 - Bits) >> (32 - Bits) == number;
+  }
+
+  // The bytes of a number of two groups at most, the first one lowest; of one, the second byte
+  // means nothing.
   static four stop_bit_code(const four& number, const four& is_one_byte) {
-    return (number + (number & 0x3F80)) | stop_bit << 8 | (is_one_byte & stop_bit);
+    return (number + (number & upper_group_mask)) | stop_bit << 8 | (is_one_byte & stop_bit);
   }
 
   // A comparison gives a mask, all bits 1 where it holds: as a number, -1.
   [[gnu::always_inline]] inline void make_four(std::size_t i) {
     const four units = load(units_, i), lines = load(lines_, i), position = load(positions_, i);
-    // In sixteenths of a line, 8 lines more than from the start of the line before.
-    const four moved = (load(low_prev_, i) * lines & 0xF) + units * lines + (8 << 4);
-    const four in_lines = ((moved & ~0xF0) == 0) & (moved > 0xF);
-    const four delta_in_head = (moved >> 4 & in_lines) ^ long_delta;
-    const four one_group = (units << 25 >> 25) == units;
-    const four delta = stop_bit_code(units & 0x3FFF, one_group) | (2 + one_group) << size_shift;
+    // A delta of -7 to 7 whole lines; 8 more is 1 to 15.
+    const four moved = from_line_start(units, load(low_prev_, i), lines) + long_delta * line;
+    const four in_lines = ((moved & ~(delta_mask * line)) == 0) & (moved >= line);
+    const four delta_in_head = (moved >> line_bits & in_lines) ^ long_delta;
+    const four one_group = is_signed<stop_bit_group>(units);
+    const four delta = stop_bit_code(units & (group_mask | upper_group_mask), one_group) |
+                       (2 + one_group) << size_shift;
 
     const four has_number = position > max_short_position;
     const four number = (position - max_short_position) & has_number;
-    const four two_bytes = number > 0x7F;
+    const four two_bytes = number > group_mask;
     const four head = (has_number & numbered_context) | (position & 3) << position_shift |
                       delta_in_head | stop_bit_code(number, ~two_bytes) << 8 |
                       (1 - has_number - two_bytes) << size_shift;
 
-    const four is_short = (((units << 18 >> 18) ^ units) | number >> 14) == 0;
+    const four is_short =
+        is_signed<2 * stop_bit_group>(units) & (number >> 2 * stop_bit_group == 0);
     store(heads_, i, head & is_short);
     store(deltas_, i, delta & ~in_lines);
   }

@@ -39,6 +39,7 @@ inline constexpr unsigned long_repeat = 3;  // a number follows the record
 inline constexpr int position_shift = 4;    // the next two
 inline constexpr unsigned char numbered_context = 0x30;
 inline constexpr int max_short_position = 2;
+inline constexpr unsigned char delta_mask = 0xF;  // the other four, a number of lines or
 inline constexpr unsigned char long_delta = 8;
 inline constexpr int max_short_delta = 7;
 inline constexpr unsigned char new_context = 0x80;  // context number 0

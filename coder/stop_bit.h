@@ -11,6 +11,8 @@ namespace vqpack::detail {
 
 constexpr int stop_bit_group = 7;
 constexpr unsigned char stop_bit = 0x80;
+constexpr unsigned group_mask = (1 << stop_bit_group) - 1;
+constexpr unsigned upper_group_mask = group_mask << stop_bit_group;  // of two groups
 
 // The most bytes that a number of `bits` significant bits takes.
 constexpr int stop_bit_bytes(int bits) { return (bits + stop_bit_group - 1) / stop_bit_group; }
@@ -23,22 +25,16 @@ constexpr bool is_one_group(long long value) {
   return static_cast<unsigned long long>(value) + (1 << (stop_bit_group - 1)) < 1 << stop_bit_group;
 }
 
-// The bytes of a number of at most 14 bits, the first one lowest, of which the first `bytes` (0 to
-// 2) count; of 0 bytes, the value must be 0.
-constexpr unsigned long long short_stop_bit(unsigned value, int bytes) {
-  const unsigned upper_group = value & 0x3F80;
-  return ((value & 0x3FFF) + upper_group) | unsigned{stop_bit} << 8 * bytes >> 8;
-}
-
 // Writes `value` at `to` and returns the position after it. May write one byte more: the next
 // length is unpredictable, and a wrong guess costs more than two bytes in any case.
 inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) {
   if (is_short(value)) {
-    const int bytes = 1 + (value > 0x7F);
-    store_le<2>(to, short_stop_bit(unsigned(value), bytes));
+    const int bytes = 1 + (value > group_mask);
+    store_le<2>(to, (value + (value & upper_group_mask)) | unsigned{stop_bit} << 8 * bytes >> 8);
     return to + bytes;
   }
-  for (; value > 0x7F; value >>= stop_bit_group) *to++ = static_cast<unsigned char>(value & 0x7F);
+  for (; value > group_mask; value >>= stop_bit_group)
+    *to++ = static_cast<unsigned char>(value & group_mask);
   *to++ = static_cast<unsigned char>(value | stop_bit);
   return to;
 }
@@ -46,8 +42,8 @@ inline unsigned char* put_stop_bit(unsigned char* to, unsigned long long value) 
 // The same for a signed number, and no byte more.
 inline unsigned char* put_signed_stop_bit(unsigned char* to, long long value) {
   for (; !is_one_group(value); value >>= stop_bit_group)
-    *to++ = static_cast<unsigned char>(value & 0x7F);
-  *to++ = static_cast<unsigned char>((value & 0x7F) | stop_bit);
+    *to++ = static_cast<unsigned char>(value & group_mask);
+  *to++ = static_cast<unsigned char>((value & group_mask) | stop_bit);
   return to;
 }
 
@@ -64,13 +60,13 @@ Unsigned get_stop_bit(const unsigned char*& from, int& bits) {
     const unsigned two_bytes = ~pair >> 7 & 1;
     from += 1 + two_bytes;
     bits = stop_bit_group * int(1 + two_bytes);
-    return (pair & 0x7F) | (pair >> 1 & 0x3F80 & -two_bytes);
+    return (pair & group_mask) | (pair >> 1 & upper_group_mask & -two_bytes);
   }
   Unsigned value = 0;
   for (bits = 0;;) {
     const unsigned char byte = *from++;
     if (bits < width) {
-      value |= Unsigned(byte & 0x7F) << bits;
+      value |= Unsigned(byte & group_mask) << bits;
       bits += stop_bit_group;
     }
     if (byte & stop_bit) return value;

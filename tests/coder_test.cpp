@@ -167,6 +167,24 @@ TEST(Coder, StepsOfManyBits) {
       }
 }
 
+// A repeat count of two bytes, and then records that are all of the longest size.
+TEST(Coder, ReserveAtTheEndOfABlock) {
+  constexpr int contexts = 4;
+  for (int run = 300; run < 364; ++run) {
+    trace transactions;
+    for (int i = 1; i < contexts; ++i) transactions.push_back({24, i << 20, 0});
+    for (int i = 0; i <= run; ++i) transactions.push_back({24, 64LL * i, 0});
+    for (int i = 1; i < 40 * contexts; ++i) {
+      const int line = i % contexts ? i % contexts << 20 : run * 64;
+      transactions.push_back({24, line + 8 + i / contexts % 2 * 8, 0});
+    }
+    std::vector<std::size_t> of_batches, of_single_ones;
+    encode(transactions, context1, {.window = 256, .batch = 64}, &of_batches);
+    encode(transactions, context1, {.window = 256}, &of_single_ones);
+    EXPECT_EQ(of_batches, of_single_ones) << run;
+  }
+}
+
 TEST(Coder, TracesOfManyContexts) {
   const struct {
     unsigned addresses, size, max_contexts;
