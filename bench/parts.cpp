@@ -73,7 +73,7 @@ class trace {
   void find_contexts(int* to) {
     constexpr std::size_t at_once = 64;
     context_list contexts(max_contexts, window >> 3);
-    recency_log::unsettled uses[at_once];
+    unsigned uses[at_once];
     const auto context_of = [](const VQtransaction& t) {
       return VQcontext{t.addr >> address_unit_shift<false>(t.trans), t.agent, t.trans};
     };

@@ -20,10 +20,10 @@ namespace vqpack::detail {
 // address lies less than `window` away; addresses and window are in the codec's address units, from
 // 0 to 2^61. Agents have at most 16 bits.
 //
-// The plain form walks an array in list order up to the first match. Here the front is looked at
-// first. Others are found through a hash table of type, agent and region of the address, where a
-// region is a power of two at least twice as long as the window: what matches an address lies in
-// its region or in the neighbour that is nearer to it. The entries of each chain of the table are
+// The plain form walks an array in list order up to the first match. Here contexts are found
+// through a hash table of type, agent and region of the address, where a region is a power of two
+// at least twice as long as the window: what matches an address lies in its region or in the
+// neighbour that is nearer to it. The entries of each chain of the table are
 // in list order, so that the first match of a chain is its newest, and the newer of two such
 // matches is the first in list order. Its position comes from a recency_log.
 //
@@ -48,16 +48,9 @@ class context_list {
   // Finds the first context in list order that `wanted` matches, moves it to the front, gives it
   // the wanted address, and stores the one that it had in `prev`. Its position is still to come:
   // settle() takes what is stored in `use`. When none matches, returns false and changes nothing.
-  [[gnu::always_inline]] inline bool find(const VQcontext& wanted, long long& prev,
-                                          recency_log::unsettled& use) {
+  [[gnu::always_inline]] inline bool find(const VQcontext& wanted, long long& prev, unsigned& use) {
     assert(wanted.addr >= 0 && wanted.addr <= max_addr && unsigned(wanted.agent) <= 0xFFFF);
     const std::uint64_t key = key_of(wanted);
-    if (matches(entries_[front_], key, wanted.addr)) {
-      prev = entries_[front_].addr;
-      set_addr(front_, wanted.addr);
-      use = order_.use_newest();
-      return true;
-    }
     const auto [home, neighbour] = chains_for(wanted);
     std::uint32_t found = chains_[home];
     if (!matches(entries_[found], key, wanted.addr) ||
@@ -66,14 +59,15 @@ class context_list {
       if (found == none) return false;
     }
     prev = entries_[found].addr;
+    use = entries_[found].slot;
     set_addr(found, wanted.addr);
-    front_ = found;
-    use = order_.move_to_front(found, entries_[found].slot, note_slot{entries_});
+    order_.move_to_front(found, note_slot{entries_});
     return true;
   }
 
-  // Stores the positions, 0-based, at which find() found contexts, in the order of its calls.
-  [[gnu::always_inline]] inline void settle(const recency_log::unsettled* uses, std::size_t size,
+  // Stores the 0-based positions at which find() found contexts in its last `size` calls, which
+  // must be all since the last settle(); uses[i] is what it stored in `use`.
+  [[gnu::always_inline]] inline void settle(const unsigned* uses, std::size_t size,
                                             int* positions) {
     order_.settle(uses, size, positions);
   }
@@ -82,18 +76,19 @@ class context_list {
   // many. All uses must be settled.
   [[gnu::noinline]] void insert(const VQcontext& added) {
     if (max_contexts_ == 0) return;
+    std::uint32_t id;
     if (order_.size() < max_contexts_) {
       if (entries_.size() > chains_.size() / 2) rehash();
-      front_ = std::uint32_t(entries_.size());
+      id = std::uint32_t(entries_.size());
       entries_.emplace_back();
     } else {
-      front_ = order_.pop_back();
-      unlink(front_);
+      id = order_.pop_back();
+      unlink(id);
     }
-    entries_[front_].addr = added.addr;
-    entries_[front_].key = std::uint32_t(key_of(added));
-    link(front_);
-    order_.push(front_, note_slot{entries_});
+    entries_[id].addr = added.addr;
+    entries_[id].key = std::uint32_t(key_of(added));
+    link(id);
+    order_.push(id, note_slot{entries_});
   }
 
   std::size_t size() const { return order_.size(); }
@@ -223,7 +218,6 @@ class context_list {
   std::uint64_t match_span_;  // the number of distances that do, in both directions and none
   int region_bits_;
   int chain_shift_ = 64 - 6;  // rehash() makes it 64 less the bits of a chain number
-  std::uint32_t front_ = none;
   recency_log order_;
   std::vector<entry> entries_;         // by id
   std::vector<std::uint32_t> chains_;  // ids of the newest in each

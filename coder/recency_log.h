@@ -34,7 +34,7 @@ namespace vqpack::detail {
 // rest. When the log is full, the living slots are moved together at its upper end.
 //
 // A caller that knows the slots may make many uses before it asks for their positions, which takes
-// less time: see `unsettled`.
+// less time: move_to_front() and settle().
 //
 // The owner keeps the slot of each id where it needs it: `moved`, an argument of what gives ids new
 // slots, is called with each id and its slot then. Throws std::bad_alloc above 2^29 ids.
@@ -84,13 +84,6 @@ class recency_log {
     ++size_;
   }
 
-  // A use of an id whose slot is known: it has a new slot, but the one before is still to die. For
-  // from_oldest(), pop_back(), push() and room(), all uses must have been settled.
-  struct unsettled {
-    unsigned slot;  // before the use
-    unsigned head;  // slot of the newest id then; if both are the same, the slot does not die
-  };
-
   // How many times move_to_front() may be called before this must be asked again; at least once.
   template <class Moved>
   unsigned room(Moved moved) {
@@ -99,25 +92,22 @@ class recency_log {
     return head_;
   }
 
-  unsettled use_newest() const { return {.slot = head_, .head = head_}; }
-
-  // Makes `id`, which is in `slot` and not the newest, the newest.
+  // Makes `id`, which is in the log, the newest; the slot it had is still to die. Whatever is not a
+  // use or the end of one, settle(), must wait until all uses are settled.
   template <class Moved>
-  unsettled move_to_front(std::uint32_t id, unsigned slot, Moved moved) {
-    assert(id_at_[slot] == id && slot != head_);
-    const unsettled made{.slot = slot, .head = head_};
+  void move_to_front(std::uint32_t id, Moved moved) {
     take_slot(id, moved);
-    return made;
   }
 
-  // Settles uses, in the order in which they were made. Stores the position, 0-based, that the id
-  // of each had before.
-  [[gnu::always_inline]] inline void settle(const unsettled* uses, std::size_t size,
+  // Settles all uses since the last call, `size` of them, in the order in which they were made.
+  // slots[i] is the slot that the id had before, positions[i] receives its 0-based position then.
+  [[gnu::always_inline]] inline void settle(const unsigned* slots, std::size_t size,
                                             int* positions) {
+    unsigned head = head_ + unsigned(size);  // the slot of the newest id before each use
     if (words_.size() == 1)
-      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<true>(uses[i]);
+      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<true>(slots[i], head--);
     else
-      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<false>(uses[i]);
+      for (std::size_t i = 0; i < size; ++i) positions[i] = kill<false>(slots[i], head--);
   }
 
   // Takes the id at a 0-based position below size() out of the log and makes `newest`, which must
@@ -169,7 +159,7 @@ class recency_log {
         before[i] = static_cast<std::uint16_t>(i * element_slots);
     }
 
-    // A slot of the element at `place` dies; none after the last place.
+    // A slot of the element at `place` dies.
     void kill(std::size_t place) {
       const auto* const step = reinterpret_cast<const sixteen_counts*>(&steps[place]);
       auto* const counts = reinterpret_cast<sixteen_counts*>(before);
@@ -211,24 +201,21 @@ class recency_log {
 
   static std::uint64_t bit(unsigned slot) { return std::uint64_t{1} << slot % word_slots; }
 
-  // Settles a use: the number of living slots between the newest one and its own. Whether the slot
-  // dies is unpredictable, and therefore no branch.
+  // Lets a slot die, and returns the number of living ones between the newest, `head`, and it.
   template <bool OneRow>
-  int kill(unsettled made) {
-    const std::size_t word = made.slot / word_slots, words = made.slot / row_slots,
-                      block = made.slot / block_slots;
-    assert(made.slot < id_at_.size() && (living_[word] & bit(made.slot)));
-    const unsigned deaths = made.slot != made.head;
-    constexpr std::size_t last = fanout - 1;  // nothing comes after it
-    unsigned living = count_bits(living_[word] & (bit(made.slot) - 1)) - made.head;
-    living_[word] &= ~(std::uint64_t{deaths} << made.slot % word_slots);
+  int kill(unsigned slot, unsigned head) {
+    const std::size_t word = slot / word_slots, words = slot / row_slots,
+                      block = slot / block_slots;
+    assert(slot < id_at_.size() && (living_[word] & bit(slot)));
+    unsigned living = count_bits(living_[word] & (bit(slot) - 1)) - head;
+    living_[word] &= ~bit(slot);
     row& of_words = words_[OneRow ? 0 : words];
     living += of_words.before[word % fanout];
-    of_words.kill(deaths ? word % fanout : last);
+    of_words.kill(word % fanout);
     if (OneRow) return int(living);
     living += rows_[block].before[words % fanout];
-    rows_[block].kill(deaths ? words % fanout : last);
-    blocks_[block] -= deaths;
+    rows_[block].kill(words % fanout);
+    --blocks_[block];
     for (std::size_t i = 0; i < block; ++i) living += blocks_[i];
     return int(living);
   }

@@ -446,7 +446,7 @@ template <bool Counted>
   const std::size_t rest_of_record = Counted ? 1 + max_repeat_bytes : 1;
   const std::size_t max_bytes =
       rest_of_record + max_bytes_of_number(contexts_.size() + size) + max_delta_bytes_;
-  recency_log::unsettled uses[batch_size];
+  unsigned uses[batch_size];
   std::size_t done = 0;
   do {
     const VQtransaction* const next = transactions + done;
