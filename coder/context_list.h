@@ -25,8 +25,8 @@ namespace vqpack::detail {
 // at least twice as long as the window: what matches an address lies in its region or in the
 // neighbour that is nearer to it. The entries of each chain of the table are in list order, so that
 // the first match of a chain is its newest, and the newer of two such matches is the first in list
-// order. Its position comes from a recency_log. The front is no case of its own: a look at it first
-// costs more than it saves, but in a single stream of lines.
+// order. Its position comes from a recency_log. The front is found like all others: to look at it
+// first costs more than it saves, except where a trace is a single stream of lines.
 //
 // Matching contexts may drift together, and a trace made for it can gather all of them at one edge
 // of a region, just out of reach; walking that chain then costs what the plain walk costs.

@@ -92,8 +92,8 @@ class recency_log {
     return head_;
   }
 
-  // Makes `id`, which is in the log, the newest; the slot it had is still to die. Whatever is not a
-  // use or the end of one, settle(), must wait until all uses are settled.
+  // Makes `id`, which is in the log, the newest; the slot that it had dies in settle(). Before
+  // that, only more of these calls may follow.
   template <class Moved>
   void move_to_front(std::uint32_t id, Moved moved) {
     take_slot(id, moved);

@@ -167,7 +167,7 @@ TEST(Coder, StepsOfManyBits) {
       }
 }
 
-// A repeat count of two bytes, and then records that are all of the longest size.
+// A repeat count of two bytes, and then records that are all as long as records can be here.
 TEST(Coder, ReserveAtTheEndOfABlock) {
   constexpr int contexts = 4;
   for (int run = 300; run < 364; ++run) {
