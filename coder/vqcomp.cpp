@@ -12,6 +12,7 @@
 #include <exception>
 #include <iterator>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -90,12 +91,14 @@ namespace {
 
 constexpr int min_block_size = 84;
 constexpr int max_block_size = 65536;
-constexpr int spare_bytes = 28;  // of the buffer, beyond the block size
-static_assert(max_record_and_repeat <= spare_bytes);
-static_assert(max_repeat_bytes + max_end_bytes <= spare_bytes);
 
 // Transactions are checked, coded and folded into the checksum in batches of this many.
 constexpr std::size_t batch_size = known_records::max_size;
+
+// Of the buffer, beyond the block size: what a batch may add to a block that is almost full.
+constexpr int spare_bytes = int(batch_size) * max_record_and_repeat;
+static_assert(max_repeat_bytes + max_end_bytes <= max_record_and_repeat);
+
 constexpr unsigned max_repeats = UINT_MAX;  // more start another record
 
 // The address, if the bit length of the largest one takes it into account, else 0.
@@ -140,14 +143,14 @@ class compressor {
              std::unique_ptr<unsigned char[]>& buffer, int& hdr_len);
 
   std::size_t record(VQtransaction* transactions, std::size_t size);
-  int ready() const { return used_ < block_size_ ? 0 : mark_; }
+  int ready() const { return preamble_only_ && used_ >= block_size_ ? used_ : ready_; }
   int finish(unsigned& contexts, unsigned& avg_distance, unsigned& address_bits);
   VQcomp_summary finish(FILE* file, PRUV_header_t* header);
   void reset_buffer();
   void end(bool aborted);
 
  private:
-  using codec_function = std::size_t (compressor::*)(const VQtransaction*, std::size_t);
+  using codec_function = void (compressor::*)(const VQtransaction*, std::size_t);
 
   void put_preamble(PRUV_header_t* header);
   codec_function choose_codec() const;
@@ -160,14 +163,13 @@ class compressor {
     fail(fault, msg, record_count_);
   }
 
-  // Writers of records: they write one, and more as long as the block is not full, and return how
-  // many they wrote. The transactions have been checked.
+  // Writers of records. The transactions have been checked.
   template <int AgentBytes, bool Counted>
-  std::size_t codec_raw(const VQtransaction* transactions, std::size_t size);
+  void codec_raw(const VQtransaction* transactions, std::size_t size);
   template <bool Counted>
-  std::size_t put_contexts(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_3_field_cmp(const VQtransaction* transactions, std::size_t size);
-  std::size_t codec_4_field_cmp(const VQtransaction* transactions, std::size_t size);
+  void put_contexts(const VQtransaction* transactions, std::size_t size);
+  void codec_3_field_cmp(const VQtransaction* transactions, std::size_t size);
+  void codec_4_field_cmp(const VQtransaction* transactions, std::size_t size);
 
   unsigned char* put_new_context(unsigned char* to, const VQtransaction& t, long long unit_addr);
   void flush_pending_repeat();
@@ -194,10 +196,10 @@ class compressor {
   } stored_{};
   codec_function codec_;
   context_list contexts_;
-  known_records records_;        // of the batch that is being coded
-  std::size_t max_delta_bytes_;  // of a record
+  known_records records_;  // of the batch that is being coded
   checksum crc_;
   int used_;                     // bytes in the buffer
+  int ready_ = 0;                // of them in full blocks
   int mark_;                     // the latest record's first byte; all before it is final
   unsigned pending_repeat_ = 0;  // repeats of the latest record that are not yet written
   bool agent_escape_ = false;    // agents are stop-bit numbers from now on
@@ -214,17 +216,6 @@ namespace {
 
 unsigned max_contexts_of(const PRUV_header_t* header) {
   return header && header->max_contexts ? header->max_contexts : no_limit;
-}
-
-// The most bytes of a context number in a list of `contexts`.
-std::size_t max_bytes_of_number(std::size_t contexts) {
-  return std::size_t(stop_bit_bytes(int(std::bit_width(contexts))));
-}
-
-// The same of a delta; a context is found at less than `window` address units from its address.
-std::size_t max_bytes_of_delta(long long window) {
-  const auto distances = static_cast<unsigned long long>(std::max(window, 1ll));
-  return std::size_t(stop_bit_bytes(int(std::bit_width(distances)) + 1));
 }
 
 int checked_size(int size) {
@@ -250,8 +241,7 @@ compressor::compressor(FILE* out, int version, PRUV_header_t* header, int size, 
       max_agent_(has_wide_agents(version) ? max_wide_agent : max_agent),
       compressed_(version != 0),
       contexts_(max_contexts_of(header), window >> 3),
-      records_(window >> 3),
-      max_delta_bytes_(max_bytes_of_delta(window >> 3)) {
+      records_(window >> 3) {
   put_preamble(header);
   hdr_len = hdr_bytes_;
   codec_ = choose_codec();
@@ -349,8 +339,7 @@ std::size_t compressor::accept(VQtransaction* transactions, std::size_t size,
   return accepted;
 }
 
-// Each batch is checked, coded and folded into the checksum in a short loop of its own. When a
-// block becomes full, the rest of the batch has been checked needlessly, which does not matter.
+// Each batch is checked, coded and folded into the checksum in a short loop of its own.
 std::size_t compressor::record(VQtransaction* transactions, std::size_t size) {
   require_turn();
   std::size_t done = 0;
@@ -364,20 +353,19 @@ std::size_t compressor::record(VQtransaction* transactions, std::size_t size) {
       ++record_count_;
       refuse(refusal(transactions[0]), VQfault::refused);
     }
-    const std::size_t coded = (this->*codec_)(transactions + done, accepted);
-    crc_.fold(transactions + done, coded, has_wide_agents(version_), has_counts(version_));
-    if (coded < accepted) accept(transactions + done, coded, addresses);  // without the others'
+    (this->*codec_)(transactions + done, accepted);
+    crc_.fold(transactions + done, accepted, has_wide_agents(version_), has_counts(version_));
     addr_bits_ = std::max(addr_bits_, unsigned(std::bit_width(addresses)));
-    record_count_ += static_cast<long long>(coded);
+    record_count_ += static_cast<long long>(accepted);
     preamble_only_ = false;
-    done += coded;
+    done += accepted;
     if (out_ && ready()) write_block();
   } while (done < size && !ready());
   return done;
 }
 
 void compressor::write_block() {
-  if (std::fwrite(at(0), 1, std::size_t(mark_), out_) != std::size_t(mark_))
+  if (std::fwrite(at(0), 1, std::size_t(ready_), out_) != std::size_t(ready_))
     refuse(cannot_write, VQfault::cannot_write);
   hand_out();
 }
@@ -388,26 +376,27 @@ void compressor::reset_buffer() {
 }
 
 void compressor::hand_out() {
-  std::memmove(at(0), at(mark_), std::size_t(used_ - mark_));
-  handed_out_ += mark_;
-  used_ -= mark_;
-  mark_ = 0;
+  const int size = ready();
+  std::memmove(at(0), at(size), std::size_t(used_ - size));
+  handed_out_ += size;
+  used_ -= size;
+  mark_ -= size;
+  ready_ = 0;
 }
 
 template <int AgentBytes, bool Counted>
-std::size_t compressor::codec_raw(const VQtransaction* transactions, std::size_t size) {
-  std::size_t done = 0;
-  do {
-    const VQtransaction& t = transactions[done++];
-    unsigned char* to = at(used_);
+void compressor::codec_raw(const VQtransaction* transactions, std::size_t size) {
+  unsigned char* to = at(used_);
+  int block = ready_;
+  for (const VQtransaction& t : std::span(transactions, size)) {
     to = store_le<1>(to, t.trans);
     to = store_le<AgentBytes>(to, unsigned(t.agent));
     to = store_le<8>(to, static_cast<unsigned long long>(t.addr));
     if (Counted) to = store_le<4>(to, t.count);
-    used_ = int(to - at(0));
-  } while (done < size && used_ < block_size_);
-  mark_ = used_;
-  return done;
+    if (to - at(block) >= block_size_) block = int(to - at(0));
+  }
+  ready_ = block;
+  mark_ = used_ = int(to - at(0));
 }
 
 // The record of a transaction whose context is new; without repeats.
@@ -424,13 +413,13 @@ unsigned char* compressor::put_new_context(unsigned char* to, const VQtransactio
 // the repeat count is the transaction's count.
 //
 // The plain form goes on to the next transaction when all is done for one. Here each step, finding
-// the context, its position, making the record, writing it, is a short loop of its own over as many
-// known contexts as surely start in the block: the processor works on several transactions at once
-// then. A new context ends them, as the list does not take it before the uses are settled.
+// the context, its position, making the record, writing it, is a short loop of its own over all
+// contexts before a new one: the processor works on several transactions at once then. The list
+// does not take a new one before the uses are settled.
 template <bool Counted>
-[[gnu::always_inline]] inline std::size_t compressor::put_contexts(
-    const VQtransaction* transactions, std::size_t size) {
-  unsigned char* const block_end = at(block_size_);
+[[gnu::always_inline]] inline void compressor::put_contexts(const VQtransaction* transactions,
+                                                            std::size_t size) {
+  unsigned char* block_end = at(ready_ + block_size_);
   unsigned char* head = at(mark_);  // of the latest record
   unsigned char* to = at(used_);
   unsigned repeat = pending_repeat_;
@@ -439,22 +428,19 @@ template <bool Counted>
   const auto start_record = [&] {
     head = repeat ? put_repeat(head, to, std::exchange(repeat, 0)) : to;
   };
+  const auto end_record = [&](unsigned count) {
+    if (Counted) head = to = put_repeat(head, to, count);
+    if (to >= block_end) block_end = head + block_size_;
+  };
   const auto context_of = [](const VQtransaction& t) {
     return VQcontext{to_units(t.addr, address_unit_shift<Counted>(t.trans)), t.agent, t.trans};
   };
   contexts_.prepare(size, [=](std::size_t i) { return context_of(transactions[i]); });
-  const std::size_t rest_of_record = Counted ? 1 + max_repeat_bytes : 1;
-  const std::size_t max_bytes =
-      rest_of_record + max_bytes_of_number(contexts_.size() + size) + max_delta_bytes_;
   unsigned uses[batch_size];
   std::size_t done = 0;
   do {
     const VQtransaction* const next = transactions + done;
-    // The latest record's repeats may still have to be written.
-    const auto room =
-        std::size_t(std::max<std::ptrdiff_t>(block_end - to - max_repeat_bytes - 1, 0));
-    std::size_t most = std::min(size - done, contexts_.room());
-    if (most * max_bytes > room) most = room / max_bytes + 1;
+    const std::size_t most = std::min(size - done, contexts_.room());
     std::size_t known = 0;
     for (; known < most; ++known) {
       const VQcontext wanted = context_of(next[known]);
@@ -472,33 +458,33 @@ template <bool Counted>
       }
       start_record();
       to = records_.put(head, i, next[i].trans, context_of(next[i]).addr);
-      if (Counted) to = put_repeat(head, to, next[i].count);
+      end_record(next[i].count);
     }
     if (known < most) {
       const VQtransaction& t = next[known];
       contexts_.insert(context_of(t));
       start_record();
       to = put_new_context(head, t, context_of(t).addr);
-      if (Counted) to = put_repeat(head, to, t.count);
+      end_record(t.count);
       ++known;
     }
     done += known;
-  } while (done < size && to < block_end);
+  } while (done < size);
   pending_repeat_ = repeat;
   distance_sum_ += distance;
-  mark_ = int((Counted ? to : head) - at(0));
+  ready_ = int(block_end - at(0)) - block_size_;
+  mark_ = int(head - at(0));
   used_ = int(to - at(0));
-  return done;
 }
 
-VQPACK_CLONES std::size_t compressor::codec_3_field_cmp(const VQtransaction* transactions,
-                                                        std::size_t size) {
-  return put_contexts<false>(transactions, size);
+VQPACK_CLONES void compressor::codec_3_field_cmp(const VQtransaction* transactions,
+                                                 std::size_t size) {
+  put_contexts<false>(transactions, size);
 }
 
-VQPACK_CLONES std::size_t compressor::codec_4_field_cmp(const VQtransaction* transactions,
-                                                        std::size_t size) {
-  return put_contexts<true>(transactions, size);
+VQPACK_CLONES void compressor::codec_4_field_cmp(const VQtransaction* transactions,
+                                                 std::size_t size) {
+  put_contexts<true>(transactions, size);
 }
 
 // Completes the latest record.
@@ -521,7 +507,7 @@ int compressor::finish(unsigned& contexts, unsigned& avg_distance, unsigned& add
     store_le<trailer_bytes>(at(used_), static_cast<unsigned long long>(record_count_));
     used_ += trailer_bytes;
   }
-  mark_ = used_;
+  ready_ = mark_ = used_;
   contexts = unsigned(contexts_.size());
   avg_distance = record_count_ ? unsigned((record_count_ / 2 + distance_sum_) / record_count_) : 0;
   address_bits = std::max(addr_bits_, 8u);

@@ -228,14 +228,15 @@ class VQCOMP_EXPORT VQcomp {
   // order, which changes nothing. Throws VQcomp_block as described above.
   void record(velk_trans_class trans, long long addr, int agent, unsigned count);
 
-  // Records several, of which it cuts the addresses of deferred replies as the file does. Stops
-  // after the one that makes a block full, and before one that record() refuses unless that is the
-  // very first, which is refused the same way. Returns the number recorded, at least 1 if `size`
-  // is. Throws as the other record() does, except for VQcomp_block: ready() gives its size, and it
-  // must be out of the buffer before the next call.
+  // Records several, of which it cuts the addresses of deferred replies as the file does. Stops at
+  // most 63 after the one that makes a block full, and before one that record() refuses unless that
+  // is the very first, which is refused the same way. Returns the number recorded, at least 1 if
+  // `size` is. Throws as the other record() does, except for VQcomp_block: ready() gives the size
+  // of the blocks that became full, and they must be out of the buffer before the next call.
   std::size_t record(VQtransaction* transactions, std::size_t size);
 
-  // The bytes at the start of `buffer` that must be written now: 0 until a block is full.
+  // The bytes at the start of `buffer` that must be written now, which are those of one or more
+  // full blocks: 0 until there is one.
   int ready() const;
 
   // Completes the file: writes what is left to `file`, which must have received all blocks so far

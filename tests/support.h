@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <random>
@@ -65,9 +66,9 @@ inline bytes from_hex(const std::string& text) {
 }
 
 // The whole file as a pipe would receive it, block by block, as a caller without a stream does it.
-// `blocks`, if there, receives where they end.
+// `handed_out`, if there, receives how many bytes that were after so many transactions.
 inline bytes encode(const trace& transactions, coding c, coder_limits limits = {},
-                    std::vector<std::size_t>* blocks = nullptr) {
+                    std::map<std::size_t, std::size_t>* handed_out = nullptr) {
   const auto header = make_header(c, transactions);
   header->max_contexts = limits.max_contexts;
   VQcomp coder(nullptr, c.version, header.get(), limits.block_size, limits.window);
@@ -75,13 +76,13 @@ inline bytes encode(const trace& transactions, coding c, coder_limits limits = {
   const auto take = [&](unsigned size) {
     file.insert(file.end(), coder.buffer.get(), coder.buffer.get() + size);
     coder.reset_buffer();
-    if (blocks) blocks->push_back(file.size());
   };
   std::vector<VQtransaction> given;
   for (const transaction& t : transactions) given.push_back({t.addr, t.agent, t.count, t.trans});
   for (std::size_t done = 0; done < given.size();) {
     done += coder.record(&given[done], std::min(limits.batch, given.size() - done));
     if (coder.ready()) take(unsigned(coder.ready()));
+    if (handed_out) handed_out->emplace(done, file.size());
   }
   unsigned contexts, distance, bits;
   take(unsigned(coder.finish(contexts, distance, bits)));
