@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "front_order.h"
+#include "growing_array.h"
 #include "recency_log.h"
 
 namespace vqpack::detail {
@@ -25,14 +26,9 @@ class inslist {
   unsigned size() const { return front_.size() + older_.size(); }
 
   // Puts a copy of `element` at index 0. Returns where it lives until the next insertion.
-  T* insert(const T& element) {
+  [[gnu::noinline]] T* insert(const T& element) {
     if (size() % block_elements == 0 && size() / block_elements >= max_blocks) drop_block();
-    if (free_.empty()) {
-      free_.push_back(unsigned(elements_.size()));
-      elements_.emplace_back();
-    }
-    const unsigned id = free_.back();
-    free_.pop_back();
+    const unsigned id = new_id();
     elements_[id] = element;
     if (front_.size() < front_order::max_size)
       front_ids_[front_.add()] = id;
@@ -55,6 +51,16 @@ class inslist {
   // Moves the last place of the front to its head, where another id may come into it.
   unsigned& last_of_front() { return front_ids_[front_.move_to_front(front_order::max_size - 1)]; }
 
+  unsigned new_id() {
+    if (free_.empty()) {
+      elements_.resize(elements_.size() + 1);
+      return unsigned(elements_.size()) - 1;
+    }
+    const unsigned id = free_.back();
+    free_.pop_back();
+    return id;
+  }
+
   void drop_block() {
     for (unsigned i = 0; i < block_elements; ++i) free_.push_back(older_.pop_back());
   }
@@ -62,7 +68,7 @@ class inslist {
   front_order front_;
   unsigned front_ids_[front_order::max_size];
   recency_log older_;
-  std::vector<T> elements_;     // by id
+  growing_array<T> elements_;   // by id
   std::vector<unsigned> free_;  // ids
 };
 

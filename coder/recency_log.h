@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bits.h"
+#include "growing_array.h"
 #include "prefetch.h"
 #include "processor.h"
 
@@ -253,13 +254,13 @@ class recency_log {
   }
 
   unsigned size_ = 0;
-  unsigned head_ = 0;                  // slot of the newest; those below are free
-  std::size_t back_word_ = 0;          // all slots in the words above it are dead
-  std::vector<std::uint64_t> living_;  // a bit for each slot
-  std::vector<row> words_;             // of the bitmap, the living slots before each
-  std::vector<row> rows_;              // the same for the rows of `words_`
-  std::vector<unsigned> blocks_;       // the living slots in each
-  std::vector<std::uint32_t> id_at_;   // by slot
+  unsigned head_ = 0;                   // slot of the newest; those below are free
+  std::size_t back_word_ = 0;           // all slots in the words above it are dead
+  std::vector<std::uint64_t> living_;   // a bit for each slot
+  std::vector<row> words_;              // of the bitmap, the living slots before each
+  std::vector<row> rows_;               // the same for the rows of `words_`
+  std::vector<unsigned> blocks_;        // the living slots in each
+  growing_array<std::uint32_t> id_at_;  // by slot
 };
 
 }  // namespace vqpack::detail
